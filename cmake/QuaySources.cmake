@@ -1,0 +1,15 @@
+# Source selection for the one-core, two-platform-layers layout: foo.cpp is portable,
+# foo_posix.cpp and foo_win.cpp are the platform layers, and exactly one of them is built.
+function(quay_collect_sources out_var)
+  set(result "")
+  foreach(dir IN LISTS ARGN)
+    file(GLOB_RECURSE found CONFIGURE_DEPENDS ${dir}/*.cpp)
+    list(APPEND result ${found})
+  endforeach()
+  if(WIN32)
+    list(FILTER result EXCLUDE REGEX "_posix\\.cpp$")
+  else()
+    list(FILTER result EXCLUDE REGEX "_win\\.cpp$")
+  endif()
+  set(${out_var} ${result} PARENT_SCOPE)
+endfunction()
