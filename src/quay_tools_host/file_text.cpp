@@ -1,0 +1,103 @@
+// Strict UTF-8, JSON escaping costs and the line-number prefix of file_read.
+#include "quay_tools_host/file_text.h"
+
+#include <fmt/format.h>
+
+#include <vector>
+
+namespace brimo_stack::quay_tools_host::internal {
+
+int Utf8SequenceLength(unsigned char lead_byte) {
+  if (lead_byte < 0x80) return 1;
+  if (lead_byte >= 0xC2 && lead_byte <= 0xDF) return 2;
+  if (lead_byte >= 0xE0 && lead_byte <= 0xEF) return 3;
+  if (lead_byte >= 0xF0 && lead_byte <= 0xF4) return 4;
+  return 0;
+}
+
+bool IsValidUtf8(std::string_view bytes) {
+  const auto* p = reinterpret_cast<const unsigned char*>(bytes.data());
+  const size_t n = bytes.size();
+  size_t i = 0;
+  while (i < n) {
+    const unsigned char lead = p[i];
+    if (lead < 0x80) {
+      ++i;
+      continue;
+    }
+    int length = 0;
+    uint32_t value = 0;
+    uint32_t minimum = 0;
+    if ((lead & 0xE0) == 0xC0) {
+      length = 2, value = lead & 0x1F, minimum = 0x80;
+    } else if ((lead & 0xF0) == 0xE0) {
+      length = 3, value = lead & 0x0F, minimum = 0x800;
+    } else if ((lead & 0xF8) == 0xF0) {
+      length = 4, value = lead & 0x07, minimum = 0x10000;
+    } else {
+      return false;
+    }
+    if (n - i < static_cast<size_t>(length)) return false;
+    for (int k = 1; k < length; ++k) {
+      const unsigned char next = p[i + k];
+      if ((next & 0xC0) != 0x80) return false;
+      value = (value << 6) | (next & 0x3F);
+    }
+    if (value < minimum || value > 0x10FFFF || (value >= 0xD800 && value <= 0xDFFF)) return false;
+    i += static_cast<size_t>(length);
+  }
+  return true;
+}
+
+uint64_t JsonEscapedCost(std::string_view text) {
+  uint64_t cost = 0;
+  for (const char c : text) cost += JsonEscapedByteCost(static_cast<unsigned char>(c));
+  return cost;
+}
+
+std::string FormatReadLineNumber(uint64_t line_number) { return fmt::format("{:>6}\t", line_number); }
+
+std::optional<ReadLinePrefix> ParseReadLinePrefix(std::string_view line) {
+  const size_t tab = line.find('\t');
+  if (tab == std::string_view::npos || tab < 6) return std::nullopt;
+  size_t i = 0;
+  while (i < tab && line[i] == ' ') ++i;
+  if (i == tab) return std::nullopt;
+  if (line[i] < '1' || line[i] > '9') return std::nullopt;
+  // A number of seven digits or more fills its field, so no blank may lead it.
+  if (tab > 6 && i != 0) return std::nullopt;
+  uint64_t number = 0;
+  for (size_t k = i; k < tab; ++k) {
+    if (line[k] < '0' || line[k] > '9') return std::nullopt;
+    number = number * 10 + static_cast<uint64_t>(line[k] - '0');  // wraps modulo 2^64 by design
+  }
+  return ReadLinePrefix{number, tab + 1};
+}
+
+std::string StripReadLineNumbers(std::string_view text) {
+  if (text.empty()) return std::string();
+  std::string result;
+  result.reserve(text.size());
+  std::optional<uint64_t> previous;
+  size_t start = 0;
+  while (start < text.size()) {
+    size_t end = text.find_first_of("\r\n", start);
+    size_t next = text.size();
+    if (end == std::string_view::npos) {
+      end = text.size();
+    } else {
+      next = end + 1;
+      if (text[end] == '\r' && next < text.size() && text[next] == '\n') ++next;
+    }
+    const auto prefix = ParseReadLinePrefix(text.substr(start, end - start));
+    if (!prefix.has_value() || (previous.has_value() && prefix->number != *previous + 1)) {
+      return std::string(text);
+    }
+    previous = prefix->number;
+    result.append(text.substr(start + prefix->prefix_length, next - start - prefix->prefix_length));
+    start = next;
+  }
+  return result;
+}
+
+}  // namespace brimo_stack::quay_tools_host::internal
