@@ -1,19 +1,163 @@
 // The host's wire protocol through the built binary: frames, envelopes and exit codes.
 #include <gtest/gtest.h>
 
+#include <string>
+#include <vector>
+
 #include "support/host_process.h"
 
 namespace {
 
+using quay_test::ExitStatus;
 using quay_test::HostProcess;
 
-TEST(HostProtocol, PingAnswersOkAndEndOfInputExitsZero) {
+constexpr size_t kMaxJsonText = 16777215;
+
+ExitStatus FinishAndWait(HostProcess& host) {
+  host.CloseStdin();
+  return host.Wait();
+}
+
+void ExpectExit(const ExitStatus& status, int code) {
+  EXPECT_TRUE(status.exited) << "signal " << status.signal;
+  EXPECT_EQ(status.code, code);
+}
+
+// A JSON string literal padded so that the whole text has exactly `size` bytes.
+std::string JsonStringOfSize(size_t size) {
+  std::string text(size, 'a');
+  text.front() = '"';
+  text.back() = '"';
+  return text;
+}
+
+// One input, the frames it must produce, and the exit code it must end with.
+struct SessionCase {
+  const char* name;
+  std::string input;
+  std::vector<std::string> frames;
+  int exit_code;
+};
+
+class HostSession : public ::testing::TestWithParam<SessionCase> {};
+
+TEST_P(HostSession, AnswersAndExitCodeMatch) {
+  const SessionCase& c = GetParam();
+  HostProcess host = HostProcess::WithConfig();
+  ASSERT_TRUE(host.Write(c.input));
+  host.CloseStdin();
+  const std::string out = host.ReadRemainingStdout();
+  std::string expected;
+  for (const auto& frame : c.frames) {
+    expected += frame + "\n";
+  }
+  EXPECT_EQ(out, expected);
+  ExpectExit(host.Wait(), c.exit_code);
+  EXPECT_EQ(host.Stderr(), "");
+}
+
+const std::string kUnknown =
+    R"({"error":{"category":7,"code":2,"message":"unsupported quay tools host method"},"ok":false})";
+const std::string kInvalidJson = R"({"error":{"category":3,"code":0,"message":"invalid json request"},"ok":false})";
+const std::string kInternal =
+    R"({"error":{"category":3,"code":0,"message":"internal host request failure"},"ok":false})";
+
+INSTANTIATE_TEST_SUITE_P(
+    Rows, HostSession,
+    ::testing::Values(
+        SessionCase{"EmptyInputIsEndOfInput", "", {}, 0},
+        SessionCase{"PingThenEof", "{\"method\":\"ping\"}\n", {R"({"ok":true})"}, 0},
+        SessionCase{"CarriageReturnLineFeed", "{\"method\":\"ping\"}\r\n{\"method\":\"ping\"}\n",
+                    {R"({"ok":true})", R"({"ok":true})"}, 0},
+        SessionCase{"ShutdownStopsBeforeLaterRequests", "{\"method\":\"shutdown\",\"params\":7}\n{\"method\":\"ping\"}\n",
+                    {R"({"ok":true})"}, 0},
+        SessionCase{"PingIgnoresParams", "{\"method\":\"ping\",\"params\":[1,2]}\n", {R"({"ok":true})"}, 0},
+        SessionCase{"UnknownMethodGoesOn", "{\"method\":\"PING\"}\n{}\nnull\n{\"method\":\"ping\"}\n",
+                    {kUnknown, kUnknown, kUnknown, R"({"ok":true})"}, 0},
+        SessionCase{"UnfinishedFrameIsAReadFailure", "{\"method\":\"ping\"}", {}, 2},
+        SessionCase{"EmptyLineIsInvalidJson", "\n{\"method\":\"ping\"}\n", {kInvalidJson}, 1},
+        SessionCase{"MalformedJson", "{\"method\":\n", {kInvalidJson}, 1},
+        SessionCase{"CommentsAreNotJson", "{\"method\":\"ping\"} // hi\n", {kInvalidJson}, 1},
+        SessionCase{"ArrayIsNotARequest", "[1,2]\n{\"method\":\"ping\"}\n", {kInternal}, 1},
+        SessionCase{"MethodOfWrongType", "{\"method\":1}\n", {kInternal}, 1},
+        SessionCase{"BadParamsGoOn",
+                    "{\"method\":\"internal:initialize\",\"params\":[]}\n{\"method\":\"ping\"}\n",
+                    {R"({"error":{"category":7,"code":1,"message":"invalid request params: [json.exception.type_error.306] cannot use value() with array"},"ok":false})",
+                     R"({"ok":true})"},
+                    0},
+        SessionCase{"InitializeWithoutParams", "{\"method\":\"internal:initialize\"}\n", {R"({"ok":true})"}, 0},
+        SessionCase{"MissingRgIsRefused",
+                    "{\"method\":\"internal:initialize\",\"params\":{\"rg_executable\":\"relative/rg\"}}\n",
+                    {R"({"error":{"category":7,"code":1,"message":"RG_NOT_FOUND: activated rg executable is unavailable"},"ok":false})"},
+                    0}),
+    [](const auto& info) { return std::string(info.param.name); });
+
+TEST(HostFrames, LargestFrameIsAnsweredAndOneByteMoreIsRefused) {
+  // A JSON text of exactly the limit is a value like any other: a string is not a request.
+  {
+    HostProcess host = HostProcess::WithConfig();
+    ASSERT_TRUE(host.Write(JsonStringOfSize(kMaxJsonText) + "\n"));
+    EXPECT_EQ(host.ReadLine(), kInternal);
+    ExpectExit(FinishAndWait(host), 1);
+  }
+  {
+    HostProcess host = HostProcess::WithConfig();
+    // Keep writing in the background of the host's refusal: it stops reading at the limit.
+    host.Write(JsonStringOfSize(kMaxJsonText + 1) + "\n");
+    EXPECT_EQ(host.ReadRemainingStdout(), "");
+    ExpectExit(FinishAndWait(host), 1);
+  }
+}
+
+TEST(HostFrames, LargestFrameWithCarriageReturnIsStillAccepted) {
+  // The carriage return sits inside the limit and is stripped before parsing.
+  HostProcess host = HostProcess::WithConfig();
+  std::string padded = R"({"method":"ping","pad":")";
+  padded += std::string(kMaxJsonText - padded.size() - 3, 'x');
+  padded += "\"}\r\n";
+  ASSERT_EQ(padded.size(), kMaxJsonText + 1);
+  ASSERT_TRUE(host.Write(padded));
+  EXPECT_EQ(host.ReadLine(), R"({"ok":true})");
+  ExpectExit(FinishAndWait(host), 0);
+}
+
+TEST(HostFrames, ManyFramesInOneWriteAreAnsweredInOrder) {
+  HostProcess host = HostProcess::WithConfig();
+  std::string batch;
+  for (int i = 0; i < 500; ++i) {
+    batch += i % 2 == 0 ? "{\"method\":\"ping\"}\n" : "{\"method\":\"nope\"}\r\n";
+  }
+  ASSERT_TRUE(host.Write(batch));
+  for (int i = 0; i < 500; ++i) {
+    const auto line = host.ReadLine();
+    ASSERT_TRUE(line.has_value());
+    EXPECT_EQ(*line, i % 2 == 0 ? R"({"ok":true})" : kUnknown) << "frame " << i;
+  }
+  ExpectExit(FinishAndWait(host), 0);
+}
+
+TEST(HostExit, WriteFailureEndsWithThree) {
+  for (const char* request : {"{\"method\":\"ping\"}\n", "{\"method\":\"shutdown\"}\n", "not json\n"}) {
+    HostProcess host = HostProcess::WithConfig();
+    host.CloseStdout();
+    ASSERT_TRUE(host.Write(request));
+    ExpectExit(FinishAndWait(host), 3);
+  }
+}
+
+TEST(HostExit, ReadFailureEndsWithTwo) {
+  // A directory as standard input: every read fails.
+  HostProcess host({"--brimo-stack-host-config", quay_test::DefaultLaunchConfig()}, {}, "/");
+  ExpectExit(host.Wait(), 2);
+  EXPECT_EQ(host.ReadRemainingStdout(), "");
+}
+
+TEST(HostExit, EndOfInputAfterAnswersIsZeroWithoutShutdown) {
   HostProcess host = HostProcess::WithConfig();
   EXPECT_EQ(host.Call({{"method", "ping"}}).dump(), R"({"ok":true})");
-  host.CloseStdin();
-  const auto status = host.Wait();
-  EXPECT_TRUE(status.exited);
-  EXPECT_EQ(status.code, 0);
+  EXPECT_EQ(host.Call({{"method", "file_read"}, {"params", {{"path", 1}}}}).dump(),
+            R"({"error":{"category":7,"code":1,"message":"invalid request params: [json.exception.type_error.302] type must be string, but is number"},"ok":false})");
+  ExpectExit(FinishAndWait(host), 0);
 }
 
 }  // namespace

@@ -26,7 +26,8 @@ void CloseFd(int& fd) {
 
 std::string DefaultLaunchConfig() { return R"({"log":{"log_dir":"","log_level":0},"transport":null})"; }
 
-HostProcess::HostProcess(const std::vector<std::string>& arguments, const std::vector<std::string>& extra_env) {
+HostProcess::HostProcess(const std::vector<std::string>& arguments, const std::vector<std::string>& extra_env,
+                         const std::string& stdin_path) {
   int in[2], out[2], err[2];
   if (::pipe2(in, O_CLOEXEC) != 0 || ::pipe2(out, O_CLOEXEC) != 0 || ::pipe2(err, O_CLOEXEC) != 0) {
     throw std::runtime_error("pipe2 failed");
@@ -49,6 +50,11 @@ HostProcess::HostProcess(const std::vector<std::string>& arguments, const std::v
     throw std::runtime_error("fork failed");
   }
   if (pid_ == 0) {
+    if (!stdin_path.empty()) {
+      const int fd = ::open(stdin_path.c_str(), O_RDONLY);
+      if (fd < 0) ::_exit(126);
+      in[0] = fd;
+    }
     ::dup2(in[0], 0);
     ::dup2(out[1], 1);
     ::dup2(err[1], 2);
@@ -106,6 +112,11 @@ bool HostProcess::Write(std::string_view bytes) {
 }
 
 void HostProcess::CloseStdin() { CloseFd(stdin_fd_); }
+
+void HostProcess::CloseStdout() {
+  CloseFd(stdout_fd_);
+  stdout_closed_ = true;
+}
 
 bool HostProcess::FillStdout(std::chrono::steady_clock::time_point deadline) {
   if (stdout_closed_) return false;

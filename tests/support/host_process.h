@@ -24,8 +24,10 @@ struct ExitStatus {
 
 class HostProcess {
  public:
-  // Starts the binary with exactly these arguments after the program name.
-  explicit HostProcess(const std::vector<std::string>& arguments, const std::vector<std::string>& extra_env = {});
+  // Starts the binary with exactly these arguments after the program name. With `stdin_path`,
+  // standard input is that file opened read-only instead of a pipe.
+  explicit HostProcess(const std::vector<std::string>& arguments, const std::vector<std::string>& extra_env = {},
+                       const std::string& stdin_path = "");
   // Starts it with `--brimo-stack-host-config <config>`.
   static HostProcess WithConfig(const std::string& config = DefaultLaunchConfig(),
                                 const std::vector<std::string>& extra_env = {});
@@ -37,6 +39,8 @@ class HostProcess {
   // Writes bytes to the child's stdin; false if the pipe is gone.
   bool Write(std::string_view bytes);
   void CloseStdin();
+  // Closes the read end of the child's stdout, so that its next write fails.
+  void CloseStdout();
   // One line of stdout without its line feed; nullopt at end of output or time-out.
   std::optional<std::string> ReadLine(std::chrono::milliseconds timeout = std::chrono::seconds(30));
   // Writes one request line and parses the answer line.

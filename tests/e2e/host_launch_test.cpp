@@ -1,0 +1,175 @@
+// Launch refusals and the log file, through the built binary.
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <regex>
+#include <string>
+#include <vector>
+
+#include "support/host_process.h"
+#include "support/temp_dir.h"
+
+namespace {
+
+using quay_test::HostProcess;
+
+struct LaunchCase {
+  const char* name;
+  std::vector<std::string> arguments;
+  bool accepted;
+};
+
+class HostLaunch : public ::testing::TestWithParam<LaunchCase> {};
+
+const std::string kOption = "--brimo-stack-host-config";
+const std::string kGood = R"({"log":{"log_dir":"","log_level":0},"transport":null})";
+
+// A valid launch JSON padded with spaces to exactly `size` bytes.
+std::string PaddedConfig(size_t size) {
+  std::string text = kGood;
+  text.insert(text.size() - 1, size - text.size(), ' ');
+  return text;
+}
+
+TEST_P(HostLaunch, RefusalIsExit64WithNoOutput) {
+  const LaunchCase& c = GetParam();
+  HostProcess host(c.arguments);
+  if (c.accepted) {
+    EXPECT_EQ(host.Call({{"method", "ping"}}).dump(), R"({"ok":true})");
+  }
+  host.CloseStdin();
+  const auto status = host.Wait();
+  EXPECT_TRUE(status.exited);
+  EXPECT_EQ(status.code, c.accepted ? 0 : 64);
+  EXPECT_EQ(host.ReadRemainingStdout(), "");
+  EXPECT_EQ(host.Stderr(), "");
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Cases, HostLaunch,
+    ::testing::Values(
+        LaunchCase{"Good", {kOption, kGood}, true},
+        LaunchCase{"NoArguments", {}, false},
+        LaunchCase{"OptionOnly", {kOption}, false},
+        LaunchCase{"ExtraArgument", {kOption, kGood, "x"}, false},
+        LaunchCase{"OptionWithEquals", {kOption + "=" + kGood}, false},
+        LaunchCase{"WrongOptionCase", {"--Brimo-stack-host-config", kGood}, false},
+        LaunchCase{"OptionPrefixOnly", {"--brimo-stack-host", kGood}, false},
+        LaunchCase{"EmptyJson", {kOption, ""}, false},
+        LaunchCase{"Exactly16384Bytes", {kOption, PaddedConfig(16384)}, true},
+        LaunchCase{"Over16384Bytes", {kOption, PaddedConfig(16385)}, false},
+        LaunchCase{"InvalidJson", {kOption, "{"}, false},
+        LaunchCase{"TrailingComma", {kOption, R"({"log":{"log_dir":"","log_level":0},"transport":null,})"}, false},
+        LaunchCase{"TransportMissing", {kOption, R"({"log":{"log_dir":"","log_level":0}})"}, false},
+        LaunchCase{"TransportObject",
+                   {kOption,
+                    R"({"log":{"log_dir":"","log_level":0},"transport":{"stdin_fd":0,"stdout_fd":1,"stderr_fd":2,"parent_watch_fd":3}})"},
+                   false},
+        LaunchCase{"LogLevelBoolean", {kOption, R"({"log":{"log_dir":"","log_level":true},"transport":null})"}, false},
+        LaunchCase{"CrashModeTwoWithoutDir",
+                   {kOption, R"({"log":{"log_dir":"","log_level":0},"transport":null,"crash":{"mode":2,"dump_dir":""}})"},
+                   false},
+        LaunchCase{"CrashModeZeroWithDir",
+                   {kOption, R"({"log":{"log_dir":"","log_level":0},"transport":null,"crash":{"mode":0,"dump_dir":"x"}})"},
+                   false},
+        LaunchCase{"CrashNull", {kOption, R"({"log":{"log_dir":"","log_level":0},"transport":null,"crash":null})"}, false},
+        LaunchCase{"TelemetryString",
+                   {kOption, R"({"log":{"log_dir":"","log_level":0},"transport":null,"telemetry_endpoint":"x"})"},
+                   false},
+        LaunchCase{"UnknownKeysIgnored",
+                   {kOption, R"({"log":{"log_dir":"","log_level":0,"z":1},"transport":null,"telemetry_endpoint":2.5,"x":[]})"},
+                   true}),
+    [](const auto& info) { return std::string(info.param.name); });
+
+// Runs one session with logging at `level` and returns the log file's text.
+std::string RunLoggedSession(const quay_test::TempDir& dir, int level, pid_t& pid) {
+  const std::string config = R"({"log":{"log_dir":")" + dir.path().string() + R"(","log_level":)" +
+                             std::to_string(level) + R"(},"transport":null})";
+  HostProcess host = HostProcess::WithConfig(config);
+  pid = host.pid();
+  EXPECT_EQ(host.Call({{"method", "ping"}}).dump(), R"({"ok":true})");
+  EXPECT_EQ(host.Call({{"method", "nope"}, {"sdk_call_id", "c1"}})["ok"], false);
+  host.CloseStdin();
+  EXPECT_EQ(host.Wait().code, 0);
+  const auto log_dir = dir.path() / "marsh_console_host";
+  std::vector<std::filesystem::path> files;
+  for (const auto& entry : std::filesystem::directory_iterator(log_dir)) {
+    files.push_back(entry.path());
+  }
+  EXPECT_EQ(files.size(), 1u);
+  if (files.size() != 1) {
+    return {};
+  }
+  const std::regex name("marsh_console_host_[0-9]{14}_" + std::to_string(pid) + "\\.log");
+  EXPECT_TRUE(std::regex_match(files[0].filename().string(), name)) << files[0];
+  return quay_test::ReadWholeFile(files[0]);
+}
+
+TEST(HostLog, LinesHaveTheFixedFormatAndCrLf) {
+  quay_test::TempDir dir;
+  pid_t pid = 0;
+  const std::string log = RunLoggedSession(dir, 3, pid);
+  const std::string prefix = R"(\[\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{3}[+-]\d\d:\d\d\]\()" + std::to_string(pid) +
+                             R"(\|\d+\)\[([tDIWEF])\]\[json_host_run_loop\.cpp:\d+\] )";
+  const std::regex warning(prefix +
+                           R"(component=quay_tools_host\.rpc, message=rpc request failed, fields=\{"category":7,"code":2,"method":"nope","sdk_call_id":"c1"\}\r\n)");
+  const std::regex stop(prefix +
+                        R"(component=quay_tools_host\.rpc, message=IPC loop stopped, fields=\{"exit_code":0,"reason":"eof"\}\r\n$)");
+  std::smatch match;
+  ASSERT_TRUE(std::regex_search(log, match, warning)) << log;
+  EXPECT_EQ(match[1], "W");
+  ASSERT_TRUE(std::regex_search(log, match, stop)) << log;
+  EXPECT_EQ(match[1], "I");
+}
+
+TEST(HostLog, LevelDecidesWhatIsWritten) {
+  struct Row {
+    int level;
+    bool has_warning;
+    bool has_info;
+  };
+  for (const Row row : {Row{4, true, false}, Row{5, false, false}, Row{7, false, false}, Row{2, true, true}}) {
+    quay_test::TempDir dir;
+    pid_t pid = 0;
+    const std::string log = RunLoggedSession(dir, row.level, pid);
+    EXPECT_EQ(log.find("[W]") != std::string::npos, row.has_warning) << "level " << row.level << "\n" << log;
+    EXPECT_EQ(log.find("[I]") != std::string::npos, row.has_info) << "level " << row.level << "\n" << log;
+  }
+}
+
+TEST(HostLog, UncreatableLogDirectoryLeavesTheHostServing) {
+  quay_test::TempDir dir;
+  const auto blocker = dir.WriteFile("file", "x");
+  const std::string config =
+      R"({"log":{"log_dir":")" + blocker.string() + R"(","log_level":3},"transport":null})";
+  HostProcess host = HostProcess::WithConfig(config);
+  EXPECT_EQ(host.Call({{"method", "ping"}}).dump(), R"({"ok":true})");
+  host.CloseStdin();
+  EXPECT_EQ(host.Wait().code, 0);
+  // The failure line may go to standard error, never to standard output.
+  EXPECT_EQ(host.ReadRemainingStdout(), "");
+  EXPECT_NE(host.Stderr().find("host_logger_config_failed host=marsh_console_host exception_kind=standard"),
+            std::string::npos);
+}
+
+TEST(HostLog, FailedCrashHandlerIsLoggedAndRequestsAreServed) {
+  quay_test::TempDir dir;
+  const auto blocker = dir.WriteFile("dumps", "not a directory");
+  const std::string config = R"({"log":{"log_dir":")" + dir.path().string() +
+                             R"(","log_level":3},"transport":null,"crash":{"mode":2,"dump_dir":")" +
+                             blocker.string() + R"("}})";
+  HostProcess host = HostProcess::WithConfig(config);
+  EXPECT_EQ(host.Call({{"method", "ping"}}).dump(), R"({"ok":true})");
+  host.CloseStdin();
+  EXPECT_EQ(host.Wait().code, 0);
+  std::string log;
+  for (const auto& entry : std::filesystem::directory_iterator(dir.path() / "marsh_console_host")) {
+    log += quay_test::ReadWholeFile(entry.path());
+  }
+  EXPECT_NE(log.find("[E]"), std::string::npos) << log;
+  EXPECT_NE(log.find("component=quay_tools_host.crash, message=initialize self-managed crash handler failed, fields={}"),
+            std::string::npos)
+      << log;
+}
+
+}  // namespace
