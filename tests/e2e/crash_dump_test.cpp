@@ -1,0 +1,289 @@
+// Crash dumps through real faults of real processes, opened with gdb.
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <csignal>
+#include <cstdlib>
+#include <filesystem>
+#include <regex>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "support/host_process.h"
+#include "support/temp_dir.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr char kGuidPattern[] = "[0-9a-f]{8}-[0-9a-f]{4}-4[0-9a-f]{3}-[89ab][0-9a-f]{3}-[0-9a-f]{12}";
+
+struct RunResult {
+  bool exited = false;
+  int code = -1;
+  int signal = 0;
+  bool core_dumped = false;
+  std::string output;
+};
+
+// Runs a program to its end and collects its standard output (and standard error when
+// `with_stderr`). Core files are allowed, so that a test can see that none was written.
+RunResult RunProgram(const std::vector<std::string>& arguments, bool with_stderr = false) {
+  int out[2];
+  if (::pipe2(out, O_CLOEXEC) != 0) {
+    ADD_FAILURE() << "pipe2 failed";
+    return {};
+  }
+  std::vector<char*> argv;
+  for (const auto& argument : arguments) {
+    argv.push_back(const_cast<char*>(argument.c_str()));
+  }
+  argv.push_back(nullptr);
+  const pid_t child = ::fork();
+  if (child == 0) {
+    ::dup2(out[1], STDOUT_FILENO);
+    const int quiet = ::open("/dev/null", O_WRONLY | O_CLOEXEC);
+    ::dup2(with_stderr ? out[1] : quiet, STDERR_FILENO);
+    rlimit core{};
+    ::getrlimit(RLIMIT_CORE, &core);
+    core.rlim_cur = core.rlim_max;
+    ::setrlimit(RLIMIT_CORE, &core);
+    ::execvp(argv[0], argv.data());
+    ::_exit(127);
+  }
+  ::close(out[1]);
+  RunResult result;
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+  char buffer[4096];
+  for (;;) {
+    pollfd wait_for{out[0], POLLIN, 0};
+    const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
+    if (left.count() <= 0) {
+      ::kill(child, SIGKILL);
+      ADD_FAILURE() << arguments[0] << " did not finish";
+      break;
+    }
+    if (::poll(&wait_for, 1, static_cast<int>(left.count())) <= 0) {
+      continue;
+    }
+    const ssize_t got = ::read(out[0], buffer, sizeof(buffer));
+    if (got <= 0) {
+      break;
+    }
+    result.output.append(buffer, static_cast<size_t>(got));
+  }
+  ::close(out[0]);
+  int status = 0;
+  while (::waitpid(child, &status, 0) < 0 && errno == EINTR) {
+  }
+  result.exited = WIFEXITED(status);
+  result.code = result.exited ? WEXITSTATUS(status) : -1;
+  result.signal = WIFSIGNALED(status) ? WTERMSIG(status) : 0;
+  result.core_dumped = WIFSIGNALED(status) && WCOREDUMP(status);
+  return result;
+}
+
+// The value of "<key>=" on its own line of `output`.
+std::string ValueOf(const std::string& output, const std::string& key) {
+  std::istringstream lines(output);
+  for (std::string line; std::getline(lines, line);) {
+    if (line.rfind(key + "=", 0) == 0) {
+      return line.substr(key.size() + 1);
+    }
+  }
+  return "";
+}
+
+std::vector<fs::path> DumpFiles(const fs::path& dump_dir) {
+  std::vector<fs::path> files;
+  if (fs::is_directory(dump_dir / "brimo_stack")) {
+    for (const auto& entry : fs::directory_iterator(dump_dir / "brimo_stack")) {
+      files.push_back(entry.path());
+    }
+  }
+  return files;
+}
+
+bool GdbInstalled() { return RunProgram({"gdb", "--version"}).code == 0; }
+
+std::string DebugDump(const std::string& program, const fs::path& dump) {
+  return RunProgram({"gdb", "-nx", "-batch", "-ex", "set debuginfod enabled off", "-ex", "info threads", "-ex",
+                     "thread apply all bt", program, dump.string()},
+                    /*with_stderr=*/true)
+      .output;
+}
+
+RunResult RunCrashProgram(int mode, const fs::path& dump_dir, const std::string& scenario) {
+  return RunProgram({QUAY_CRASH_TEST_PROGRAM, std::to_string(mode), dump_dir.string(), scenario});
+}
+
+// The fault tests need the fault signals; the sanitizers own them in their build.
+class CrashDumpTest : public testing::Test {
+ protected:
+  void SetUp() override {
+    if (QUAY_SANITIZER_BUILD) {
+      GTEST_SKIP() << "the sanitizers handle the fault signals in this build";
+    }
+    ASSERT_TRUE(GdbInstalled()) << "gdb is required; scripts/common.sh installs it";
+  }
+  quay_test::TempDir temp_;
+};
+
+TEST_F(CrashDumpTest, FaultInWorkerThreadDumpsEveryThread) {
+  const RunResult run = RunCrashProgram(2, temp_.path(), "worker-fault");
+  EXPECT_EQ(run.signal, SIGSEGV) << run.output;
+  EXPECT_FALSE(run.core_dumped);
+  const std::string dump_path = ValueOf(run.output, "dump_path");
+  ASSERT_EQ(DumpFiles(temp_.path()), std::vector<fs::path>{dump_path});
+
+  std::istringstream tids(ValueOf(run.output, "threads"));
+  std::vector<std::string> thread_ids;
+  for (std::string tid; tids >> tid;) {
+    thread_ids.push_back(tid);
+  }
+  ASSERT_EQ(thread_ids.size(), 5u) << run.output;  // main, three blocked, the faulting one
+
+  const std::string gdb = DebugDump(QUAY_CRASH_TEST_PROGRAM, dump_path);
+  EXPECT_NE(gdb.find("Program terminated with signal SIGSEGV"), std::string::npos) << gdb;
+  for (const auto& tid : thread_ids) {
+    EXPECT_NE(gdb.find("(LWP " + tid + ")"), std::string::npos) << "thread " << tid << "\n" << gdb;
+  }
+  // gdb selects the first thread of the dump: it must be the one that faulted.
+  EXPECT_TRUE(std::regex_search(gdb, std::regex("\\n\\* 1 +[^\\n]*\\(LWP " + thread_ids.back() + "\\)"))) << gdb;
+  for (const char* function : {"QuayCrashBlockedAlpha", "QuayCrashBlockedBeta", "QuayCrashBlockedGamma",
+                               "QuayCrashFaultingWorker", "QuayCrashMainWaiting", "WriteThroughNull",
+                               "<signal handler called>"}) {
+    EXPECT_NE(gdb.find(function), std::string::npos) << function << "\n" << gdb;
+  }
+  EXPECT_EQ(gdb.find("Cannot access memory"), std::string::npos) << gdb;
+}
+
+struct SignalCase {
+  const char* scenario;
+  int signal;
+  const char* gdb_name;
+};
+
+class CrashSignalTest : public CrashDumpTest, public testing::WithParamInterface<SignalCase> {};
+
+TEST_P(CrashSignalTest, DumpsThenDiesBySignalWithoutSystemCore) {
+  const RunResult run = RunCrashProgram(2, temp_.path(), GetParam().scenario);
+  EXPECT_FALSE(run.exited) << run.output;
+  EXPECT_EQ(run.signal, GetParam().signal);
+  EXPECT_FALSE(run.core_dumped);
+  const std::string dump_path = ValueOf(run.output, "dump_path");
+  ASSERT_EQ(DumpFiles(temp_.path()), std::vector<fs::path>{dump_path});
+  const std::string gdb = DebugDump(QUAY_CRASH_TEST_PROGRAM, dump_path);
+  EXPECT_NE(gdb.find(std::string("Program terminated with signal ") + GetParam().gdb_name), std::string::npos) << gdb;
+  EXPECT_NE(gdb.find(" main ("), std::string::npos) << gdb;
+}
+
+INSTANTIATE_TEST_SUITE_P(FatalSignals, CrashSignalTest,
+                         testing::Values(SignalCase{"segv", SIGSEGV, "SIGSEGV"}, SignalCase{"bus", SIGBUS, "SIGBUS"},
+                                         SignalCase{"fpe", SIGFPE, "SIGFPE"}, SignalCase{"ill", SIGILL, "SIGILL"},
+                                         SignalCase{"abrt", SIGABRT, "SIGABRT"}, SignalCase{"sys", SIGSYS, "SIGSYS"}),
+                         [](const testing::TestParamInfo<SignalCase>& info) { return info.param.scenario; });
+
+TEST_F(CrashDumpTest, ExistingDumpFileIsNeitherOverwrittenNorRemoved) {
+  const RunResult run = RunCrashProgram(2, temp_.path(), "occupied");
+  EXPECT_EQ(run.signal, SIGSEGV) << run.output;
+  const std::string dump_path = ValueOf(run.output, "dump_path");
+  ASSERT_EQ(DumpFiles(temp_.path()), std::vector<fs::path>{dump_path});
+  EXPECT_EQ(quay_test::ReadWholeFile(dump_path), "occupied");
+}
+
+TEST_F(CrashDumpTest, DumpThatFailsMidwayLeavesNoFile) {
+  const RunResult run = RunCrashProgram(2, temp_.path(), "file-limit");
+  EXPECT_EQ(run.signal, SIGSEGV) << run.output;
+  EXPECT_FALSE(ValueOf(run.output, "dump_path").empty());
+  EXPECT_TRUE(DumpFiles(temp_.path()).empty());
+}
+
+class CrashModeWithoutHandlerTest : public CrashDumpTest, public testing::WithParamInterface<int> {};
+
+TEST_P(CrashModeWithoutHandlerTest, InstallsNothingAndSetsNoVariable) {
+  const RunResult run = RunCrashProgram(GetParam(), temp_.path() / "dumps", "segv");
+  EXPECT_EQ(ValueOf(run.output, "initialized"), "1");
+  EXPECT_EQ(ValueOf(run.output, "dump_path"), "");
+  EXPECT_EQ(run.signal, SIGSEGV);
+  EXPECT_FALSE(fs::exists(temp_.path() / "dumps"));
+}
+
+INSTANTIATE_TEST_SUITE_P(Modes, CrashModeWithoutHandlerTest, testing::Values(0, 1));
+
+TEST_F(CrashDumpTest, UncreatableDumpDirectoryInstallsNothing) {
+  temp_.WriteFile("blocker", "a file, not a directory");
+  const RunResult run = RunCrashProgram(2, temp_.path() / "blocker" / "dumps", "segv");
+  EXPECT_EQ(ValueOf(run.output, "initialized"), "0");
+  EXPECT_EQ(ValueOf(run.output, "dump_path"), "");
+  EXPECT_EQ(run.signal, SIGSEGV);
+}
+
+TEST(CrashDumpPath, TwoProcessesGetDifferentPathsOfTheSameForm) {
+  quay_test::TempDir temp;
+  std::vector<std::string> paths;
+  for (int i = 0; i < 2; ++i) {
+    const RunResult run = RunCrashProgram(2, temp.path(), "exit");
+    EXPECT_EQ(run.code, 0);
+    EXPECT_EQ(ValueOf(run.output, "initialized"), "1");
+    paths.push_back(ValueOf(run.output, "dump_path"));
+    const std::regex form(std::regex_replace((fs::canonical(temp.path()) / "brimo_stack").string(),
+                                             std::regex(R"([.^$|()\[\]{}*+?\\])"), R"(\$&)") +
+                          "/quay_tools_host_[0-9]+_" + kGuidPattern + "\\.dmp");
+    EXPECT_TRUE(std::regex_match(paths.back(), form)) << paths.back();
+  }
+  EXPECT_NE(paths[0], paths[1]);
+  EXPECT_TRUE(DumpFiles(temp.path()).empty());
+}
+
+std::string HostConfig(const fs::path& log_dir, const fs::path& dump_dir) {
+  return R"({"log":{"log_dir":")" + log_dir.string() + R"(","log_level":3},"transport":null,)" +
+         R"("crash":{"mode":2,"dump_dir":")" + dump_dir.string() + R"("}})";
+}
+
+TEST_F(CrashDumpTest, HostSentSegvLeavesOneDumpAndDiesBySegv) {
+  const fs::path dump_dir = temp_.path() / "dumps";
+  quay_test::HostProcess host = quay_test::HostProcess::WithConfig(HostConfig(temp_.path() / "logs", dump_dir));
+  ASSERT_EQ(host.Call({{"method", "ping"}}).dump(), R"({"ok":true})");
+  ASSERT_EQ(::kill(host.pid(), SIGSEGV), 0);
+  const quay_test::ExitStatus status = host.Wait();
+  EXPECT_FALSE(status.exited);
+  EXPECT_EQ(status.signal, SIGSEGV);
+
+  const std::vector<fs::path> dumps = DumpFiles(dump_dir);
+  ASSERT_EQ(dumps.size(), 1u);
+  EXPECT_TRUE(std::regex_match(dumps[0].filename().string(),
+                               std::regex("quay_tools_host_" + std::to_string(host.pid()) + "_" + kGuidPattern +
+                                          "\\.dmp")))
+      << dumps[0];
+  const std::string gdb = DebugDump(QUAY_TOOLS_HOST_BINARY, dumps[0]);
+  EXPECT_NE(gdb.find("Program terminated with signal SIGSEGV"), std::string::npos) << gdb;
+  EXPECT_NE(gdb.find("<signal handler called>"), std::string::npos) << gdb;
+  EXPECT_NE(gdb.find(" main ("), std::string::npos) << gdb;
+}
+
+TEST(HostCrashHandler, UncreatableDumpDirectoryIsLoggedAndRequestsAreServed) {
+  quay_test::TempDir temp;
+  const fs::path blocker = temp.WriteFile("blocker", "a file, not a directory");
+  quay_test::HostProcess host = quay_test::HostProcess::WithConfig(HostConfig(temp.path(), blocker / "dumps"));
+  EXPECT_EQ(host.Call({{"method", "ping"}}).dump(), R"({"ok":true})");
+  host.CloseStdin();
+  EXPECT_EQ(host.Wait().code, 0);
+  std::string log;
+  for (const auto& entry : fs::directory_iterator(temp.path() / "marsh_console_host")) {
+    log += quay_test::ReadWholeFile(entry.path());
+  }
+  EXPECT_NE(log.find("[E]"), std::string::npos) << log;
+  EXPECT_NE(log.find("component=quay_tools_host.crash, message=initialize self-managed crash handler failed"),
+            std::string::npos)
+      << log;
+}
+
+}  // namespace

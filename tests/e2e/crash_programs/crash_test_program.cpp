@@ -1,0 +1,168 @@
+// A program that installs the crash handler and then faults the way a crash dump test asks.
+//
+// Usage: quay_crash_test_program <mode> <dump_dir> <scenario>
+// Prints "initialized=<0|1>" and "dump_path=<variable>" first; "threads=<tid>..." once every
+// thread of the worker-fault scenario stands in its named function.
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <sys/resource.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <csignal>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <string_view>
+#include <thread>
+
+#include "brimo_stack/local_runtime/self_managed_crash_handler.h"
+
+namespace {
+
+int g_never_written[2] = {-1, -1};
+std::atomic<int> g_ready{0};
+std::atomic<long> g_blocked_tids[3];
+volatile int g_sink = 0;
+
+void WriteOut(std::string_view text) {
+  while (!text.empty()) {
+    const ssize_t put = ::write(STDOUT_FILENO, text.data(), text.size());
+    if (put <= 0) {
+      return;
+    }
+    text.remove_prefix(static_cast<size_t>(put));
+  }
+}
+
+long ThreadId() { return ::syscall(SYS_gettid); }
+
+void BlockForever(int slot) {
+  g_blocked_tids[slot] = ThreadId();
+  g_ready.fetch_add(1);
+  char byte = 0;
+  g_sink = static_cast<int>(::read(g_never_written[0], &byte, 1));
+}
+
+[[noreturn]] void WriteThroughNull() {
+  volatile int* nowhere = nullptr;
+  *nowhere = 1;
+  std::abort();
+}
+
+}  // namespace
+
+// Plain C names, so a backtrace shows them exactly as the tests spell them.
+extern "C" {
+
+void QuayCrashBlockedAlpha() { BlockForever(0); }
+void QuayCrashBlockedBeta() { BlockForever(1); }
+void QuayCrashBlockedGamma() { BlockForever(2); }
+
+void QuayCrashFaultingWorker() {
+  while (g_ready.load() < 3) {
+    ::usleep(1000);
+  }
+  std::string line = "threads=" + std::to_string(::getpid());
+  for (const auto& tid : g_blocked_tids) {
+    line += " " + std::to_string(tid.load());
+  }
+  line += " " + std::to_string(ThreadId()) + "\n";
+  WriteOut(line);
+  WriteThroughNull();
+}
+
+void QuayCrashMainWaiting(std::thread& faulting) { faulting.join(); }
+
+}  // extern "C"
+
+namespace {
+
+void RunWorkerFault() {
+  if (::pipe2(g_never_written, O_CLOEXEC) != 0) {
+    std::exit(3);
+  }
+  std::thread alpha(QuayCrashBlockedAlpha);
+  std::thread beta(QuayCrashBlockedBeta);
+  std::thread gamma(QuayCrashBlockedGamma);
+  std::thread faulting(QuayCrashFaultingWorker);
+  QuayCrashMainWaiting(faulting);
+  alpha.join();
+  beta.join();
+  gamma.join();
+}
+
+void TouchTruncatedMapping() {
+  const int file = ::memfd_create("quay_crash_bus", MFD_CLOEXEC);
+  void* page = ::mmap(nullptr, 4096, PROT_READ, MAP_SHARED, file, 0);
+  if (page == MAP_FAILED) {
+    std::exit(3);
+  }
+  g_sink = *static_cast<volatile char*>(page);
+}
+
+void DivideByZero() {
+  // Not 1 / zero: compilers turn a division of 1 into comparisons that never trap.
+  volatile int dividend = 7;
+  volatile int zero = 0;
+  g_sink = dividend / zero;
+}
+
+// Faults in the main thread with the signal named by `name`, the way real code would get it.
+void Fault(std::string_view name) {
+  if (name == "segv") {
+    WriteThroughNull();
+  } else if (name == "bus") {
+    TouchTruncatedMapping();
+  } else if (name == "fpe") {
+    DivideByZero();
+  } else if (name == "ill") {
+    __builtin_trap();
+  } else if (name == "abrt") {
+    std::abort();
+  } else if (name == "sys") {
+    std::raise(SIGSYS);
+  }
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  if (argc != 4) {
+    return 2;
+  }
+  brimo_stack::local_runtime::HostCrashConfig config;
+  config.mode = static_cast<uint8_t>(std::atoi(argv[1]));
+  config.dump_dir = argv[2];
+  const std::string_view scenario = argv[3];
+
+  brimo_stack::local_runtime::SelfManagedCrashHandler handler;
+  const bool initialized = handler.Initialize(config, "quay_tools_host");
+  const char* path = std::getenv(std::string(brimo_stack::local_runtime::kDumpFileEnvironmentVariable).c_str());
+  WriteOut(std::string("initialized=") + (initialized ? "1" : "0") + "\ndump_path=" + (path ? path : "") + "\n");
+
+  if (scenario == "exit") {
+    return 0;
+  }
+  if (scenario == "worker-fault") {
+    RunWorkerFault();
+    return 0;
+  }
+  if (scenario == "occupied") {
+    // The dump path already taken, as after an earlier crash of the same process.
+    const int file = ::open(path, O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
+    WriteOut(::write(file, "occupied", 8) == 8 ? "" : "write failed\n");
+    ::close(file);
+    Fault("segv");
+  }
+  if (scenario == "file-limit") {
+    // The dump outgrows the file size limit midway, as it would on a full disk.
+    std::signal(SIGXFSZ, SIG_IGN);
+    const rlimit limit{64 * 1024, 64 * 1024};
+    ::setrlimit(RLIMIT_FSIZE, &limit);
+    Fault("segv");
+  }
+  Fault(scenario);
+  return 0;
+}
