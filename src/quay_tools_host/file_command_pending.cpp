@@ -5,10 +5,6 @@
 namespace brimo_stack::quay_tools_host {
 
 CommandResult FileCommandService::Read(const FileReadRequest&) { return UnsupportedMethodResult(); }
-CommandResult FileCommandService::Write(const FileWriteRequest&) { return UnsupportedMethodResult(); }
-CommandResult FileCommandService::CreateTempFile(const FileCreateTempRequest&) { return UnsupportedMethodResult(); }
-CommandResult FileCommandService::Edit(const FileEditRequest&) { return UnsupportedMethodResult(); }
-CommandResult FileCommandService::NotebookEdit(const FileNotebookEditRequest&) { return UnsupportedMethodResult(); }
 CommandResult FileCommandService::Glob(const FileGlobRequest&) { return UnsupportedMethodResult(); }
 CommandResult FileCommandService::Grep(const FileGrepRequest&) { return UnsupportedMethodResult(); }
 CommandResult FileCommandService::Export(const FileExportRequest&) { return UnsupportedMethodResult(); }
