@@ -121,7 +121,7 @@ TEST(JsonLineChannelRead, SystemReadFailureKeepsItsNumber) {
 
 TEST(JsonLineChannelRead, LimitIsExactAcrossChunkBoundaries) {
   // A line of exactly the limit before its line feed is read, one more byte is not.
-  for (const size_t chunk : {size_t{1} << 16, size_t{1000003}, size_t{16777215}}) {
+  for (const size_t chunk : {size_t{1000003}, size_t{16777215}}) {
     for (const size_t extra : {size_t{0}, size_t{1}}) {
       std::string line(kMaxJsonTextBytes + extra, ' ');
       line.front() = '"';
