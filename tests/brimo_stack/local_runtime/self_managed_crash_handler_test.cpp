@@ -158,12 +158,15 @@ TEST_P(InitializeWithoutHandlerTest, ReturnsVerdictAndSetsNoVariable) {
   quay_test::TempDir temp;
   temp.WriteFile("blocker", "x");
   const std::string dump_dir = *GetParam().dump_dir == '\0' ? "" : (temp.path() / GetParam().dump_dir).string();
+  struct sigaction before {};
+  ASSERT_EQ(::sigaction(SIGSEGV, nullptr, &before), 0);
   SelfManagedCrashHandler handler;
   EXPECT_EQ(handler.Initialize({GetParam().mode, dump_dir}, "quay_tools_host"), GetParam().expected);
   EXPECT_EQ(::getenv(std::string(kDumpFileEnvironmentVariable).c_str()), nullptr);
-  struct sigaction current {};
-  ASSERT_EQ(::sigaction(SIGSEGV, nullptr, &current), 0);
-  EXPECT_EQ(current.sa_flags & SA_SIGINFO, 0);
+  struct sigaction after {};
+  ASSERT_EQ(::sigaction(SIGSEGV, nullptr, &after), 0);
+  EXPECT_EQ(reinterpret_cast<void*>(after.sa_sigaction), reinterpret_cast<void*>(before.sa_sigaction));
+  EXPECT_EQ(after.sa_flags, before.sa_flags);
   EXPECT_FALSE(std::filesystem::exists(temp.path() / "dumps"));
 }
 

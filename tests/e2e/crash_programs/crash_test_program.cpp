@@ -102,6 +102,17 @@ void TouchTruncatedMapping() {
   g_sink = *static_cast<volatile char*>(page);
 }
 
+// Recurses until the stack is gone; only the alternate signal stack lets the handler run.
+volatile int g_unreachable_depth = -1;
+int OverflowStack(int depth) {
+  if (depth == g_unreachable_depth) {
+    return 0;
+  }
+  volatile char frame[512];
+  frame[0] = static_cast<char>(depth);
+  return OverflowStack(depth + 1) + frame[0];
+}
+
 void DivideByZero() {
   // Not 1 / zero: compilers turn a division of 1 into comparisons that never trap.
   volatile int dividend = 7;
@@ -123,6 +134,8 @@ void Fault(std::string_view name) {
     std::abort();
   } else if (name == "sys") {
     std::raise(SIGSYS);
+  } else if (name == "overflow") {
+    g_sink = OverflowStack(0);
   }
 }
 
