@@ -4,9 +4,7 @@
 
 namespace brimo_stack::quay_tools_host {
 
-CommandResult FileCommandService::Read(const FileReadRequest&) { return UnsupportedMethodResult(); }
 CommandResult FileCommandService::Glob(const FileGlobRequest&) { return UnsupportedMethodResult(); }
 CommandResult FileCommandService::Grep(const FileGrepRequest&) { return UnsupportedMethodResult(); }
-CommandResult FileCommandService::Export(const FileExportRequest&) { return UnsupportedMethodResult(); }
 
 }  // namespace brimo_stack::quay_tools_host

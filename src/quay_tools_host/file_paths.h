@@ -1,6 +1,7 @@
 // Path preparation and resolution for request paths.
 #pragma once
 
+#include <cstdint>
 #include <filesystem>
 #include <string>
 #include <string_view>
@@ -44,6 +45,9 @@ namespace brimo_stack::quay_tools_host::internal {
 
 // A path as UTF-8 text for messages and the policy; the bytes as they are on POSIX.
 [[nodiscard]] std::string PathToUtf8(const std::filesystem::path& path);
+
+// The real path of an open handle, as the kernel names it now.
+[[nodiscard]] bool RealPathOfHandle(std::intptr_t handle, std::filesystem::path& out);
 
 // True when the path begins at a root (a root name followed by a separator on Win32, "/" here).
 [[nodiscard]] bool IsFullyQualifiedPath(const std::filesystem::path& path);

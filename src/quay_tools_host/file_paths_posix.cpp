@@ -80,9 +80,9 @@ bool ReadDescriptorPath(int fd, std::string& out) {
   return false;
 }
 
-}  // namespace
-
-CommandResult ResolveRealPath(std::filesystem::path& path) {
+// One attempt; `replaced` is set when the file was unlinked while it was being named.
+CommandResult ResolveRealPathOnce(std::filesystem::path& path, bool& replaced) {
+  replaced = false;
   // O_PATH opens directories and follows links without needing read permission on the target.
   int fd;
   do {
@@ -90,12 +90,16 @@ CommandResult ResolveRealPath(std::filesystem::path& path) {
   } while (fd < 0 && errno == EINTR);
   if (fd < 0) return RealPathFailure(errno);
   ScopedDescriptor descriptor(fd);
+  std::string text;
+  const bool named = ReadDescriptorPath(fd, text) && !text.empty() && text.front() == '/';
   struct stat info {};
   if (::fstat(fd, &info) != 0) return RealPathFailure(errno);
   // The kernel names an unlinked file "<old path> (deleted)": that is no path at all.
-  if (info.st_nlink == 0 && !S_ISDIR(info.st_mode)) return RealPathFailure(ENOENT);
-  std::string text;
-  if (!ReadDescriptorPath(fd, text) || text.empty() || text.front() != '/') {
+  if (info.st_nlink == 0 && !S_ISDIR(info.st_mode)) {
+    replaced = true;
+    return RealPathFailure(ENOENT);
+  }
+  if (!named) {
     // Without /proc the library call still gives the answer, bounded by PATH_MAX.
     std::unique_ptr<char, decltype(&std::free)> resolved(::realpath(path.c_str(), nullptr), &std::free);
     if (resolved == nullptr) return RealPathFailure(errno);
@@ -103,6 +107,30 @@ CommandResult ResolveRealPath(std::filesystem::path& path) {
   }
   path = NormalizeFilePath(std::filesystem::path(std::move(text)), /*force_long=*/false);
   return CommandResult::Success();
+}
+
+}  // namespace
+
+CommandResult ResolveRealPath(std::filesystem::path& path) {
+  // A rename over the file between the open and the naming leaves the name of a dead inode;
+  // the path itself still leads somewhere, so look again.
+  constexpr int kAttempts = 4;
+  CommandResult result;
+  for (int attempt = 0; attempt < kAttempts; ++attempt) {
+    std::filesystem::path candidate = path;
+    bool replaced = false;
+    result = ResolveRealPathOnce(candidate, replaced);
+    if (result.ok) path = std::move(candidate);
+    if (!replaced) break;
+  }
+  return result;
+}
+
+bool RealPathOfHandle(std::intptr_t handle, std::filesystem::path& out) {
+  std::string text;
+  if (!ReadDescriptorPath(static_cast<int>(handle), text) || text.empty() || text.front() != '/') return false;
+  out = NormalizeFilePath(std::filesystem::path(std::move(text)), /*force_long=*/false);
+  return true;
 }
 
 bool IsFullyQualifiedPath(const std::filesystem::path& path) {

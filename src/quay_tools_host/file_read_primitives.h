@@ -63,6 +63,10 @@ struct CachedReadFile {
 // time, and a read that starts in that tick could not tell them apart.
 void WaitUntilChangeTimeIsPast(const FileSnapshot& snapshot);
 
+// True when the open handle is the file of `snapshot` and still sits at `file.path`: a link
+// or a rename slipped in between the checks and the open is caught here.
+[[nodiscard]] bool IsOpenedFileTheSnapshot(const CachedReadFile& file, const FileSnapshot& snapshot);
+
 // Loads a whole file of at most `limit` bytes that must be valid UTF-8.
 [[nodiscard]] CommandResult ReadValidatedUtf8File(const std::filesystem::path& path, std::string& text,
                                                   uint64_t limit);

@@ -138,6 +138,17 @@ CommandResult TakeFileSnapshot(const std::filesystem::path& path, FileSnapshot& 
   return CommandResult::Success();
 }
 
+bool IsOpenedFileTheSnapshot(const CachedReadFile& file, const FileSnapshot& snapshot) {
+  struct stat info {};
+  if (file.handle == kInvalidFileHandle || ::fstat(static_cast<int>(file.handle), &info) != 0) return false;
+  const FileSnapshot opened{static_cast<uint64_t>(info.st_size),
+                            static_cast<uint64_t>(info.st_mtim.tv_sec) * kTicksPerSecond,
+                            static_cast<uint64_t>(info.st_dev), static_cast<uint64_t>(info.st_ino),
+                            ChangeTimeOf(info)};
+  std::filesystem::path where;
+  return opened == snapshot && RealPathOfHandle(file.handle, where) && where.native() == file.path.native();
+}
+
 void WaitUntilChangeTimeIsPast(const FileSnapshot& snapshot) {
   timespec resolution{};
   ::clock_getres(CLOCK_REALTIME_COARSE, &resolution);

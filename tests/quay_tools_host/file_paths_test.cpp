@@ -1,0 +1,180 @@
+// Path preparation and resolution on real directories, links and missing paths.
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "quay_tools_host/file_paths.h"
+#include "support/temp_dir.h"
+
+namespace brimo_stack::quay_tools_host::internal {
+namespace {
+
+namespace fs = std::filesystem;
+
+TEST(PrepareWidePathTest, CollapsesAndFoldsByText) {
+  const std::pair<const char*, const char*> cases[] = {
+      {"/a//b///c", "/a/b/c"}, {"/a/./b/../c/", "/a/c"}, {"/../..", "/"},   {"//", "/"},
+      {"/a\\b", "/a\\b"},      {"rel/x/..", "rel"},       {"/a/b/", "/a/b"}, {"/", "/"}};
+  for (const auto& [input, expected] : cases) EXPECT_EQ(PrepareWidePath(input).native(), expected) << input;
+}
+
+TEST(NormalizeFilePathTest, LongFormChangesNothingOnPosix) {
+  const fs::path long_path = "/" + std::string(300, 'a') + "/b/../c/";
+  EXPECT_EQ(NormalizeFilePath(long_path, true), NormalizeFilePath(long_path, false));
+  EXPECT_EQ(NormalizeFilePath(long_path, false).native(), "/" + std::string(300, 'a') + "/c");
+}
+
+TEST(ToExtendedLengthPathTest, KeepsAbsoluteAndRefusesRelative) {
+  std::string out;
+  ASSERT_TRUE(ToExtendedLengthPath("/x/y", out).ok);
+  EXPECT_EQ(out, "/x/y");
+  const CommandResult relative = ToExtendedLengthPath("x/y", out);
+  ASSERT_FALSE(relative.ok);
+  EXPECT_EQ(relative.error->message, "path must be absolute");
+  EXPECT_EQ(relative.error->category, 7);
+}
+
+TEST(ResolveRequestPathTest, JoinsRelativeAndKeepsAbsolute) {
+  struct Case {
+    const char* base;
+    const char* path;
+    const char* expected;
+  };
+  const Case cases[] = {{"/w", "a/b", "/w/a/b"},  {"/w", "/abs", "/abs"},      {"/w/", "../x", "/x"},
+                        {"/w", "../../../..", "/"}, {"/w", "a/./../b//", "/w/b"}, {"/w", "", "/w"}};
+  for (const Case& c : cases) {
+    fs::path logical;
+    ASSERT_TRUE(ResolveRequestPath(c.base, c.path, logical).ok);
+    EXPECT_EQ(logical.native(), c.expected) << c.base << " + " << c.path;
+  }
+}
+
+TEST(ResolveRequestPathTest, EmptyBaseIsTheCurrentDirectory) {
+  fs::path logical;
+  ASSERT_TRUE(ResolveRequestPath("", "x", logical).ok);
+  EXPECT_EQ(logical, fs::current_path() / "x");
+}
+
+TEST(ResolveRequestPathTest, RefusesNulBytes) {
+  fs::path logical;
+  const CommandResult result = ResolveRequestPath("/w", std::string("/w/a\0b", 6), logical);
+  ASSERT_FALSE(result.ok);
+  EXPECT_EQ(result.error->message, "INVALID_FILE_PATH: path contains a NUL character");
+}
+
+class ResolveOnDiskTest : public ::testing::Test {
+ protected:
+  quay_test::TempDir dir_;
+  fs::path root_ = fs::canonical(dir_.path());
+};
+
+TEST_F(ResolveOnDiskTest, RealPathFollowsLinks) {
+  dir_.WriteFile("target/file.txt", "x");
+  fs::create_directory_symlink(root_ / "target", root_ / "dirlink");
+  fs::create_symlink(root_ / "dirlink/file.txt", root_ / "filelink");
+  fs::path path = root_ / "filelink";
+  ASSERT_TRUE(ResolveRealPath(path).ok);
+  EXPECT_EQ(path, root_ / "target/file.txt");
+}
+
+TEST_F(ResolveOnDiskTest, RealPathOfMissingFileFails) {
+  fs::path path = root_ / "missing";
+  const CommandResult result = ResolveRealPath(path);
+  ASSERT_FALSE(result.ok);
+  EXPECT_EQ(result.error->category, 6);
+  EXPECT_EQ(result.error->code, ENOENT);
+  EXPECT_EQ(result.error->message, "INVALID_FILE_PATH: resolve real path failed: No such file or directory");
+}
+
+TEST_F(ResolveOnDiskTest, AllowMissingResolvesTheNearestAncestor) {
+  fs::create_directory(root_ / "real");
+  fs::create_directory_symlink(root_ / "real", root_ / "link");
+  fs::path real;
+  ASSERT_TRUE(ResolveRealPathAllowMissing(root_ / "link/new/deeper.txt", real).ok);
+  EXPECT_EQ(real, root_ / "real/new/deeper.txt");
+  ASSERT_TRUE(ResolveRealPathAllowMissing(root_ / "link", real).ok);
+  EXPECT_EQ(real, root_ / "real");
+}
+
+TEST_F(ResolveOnDiskTest, AllowMissingBelowAFileCountsAsMissing) {
+  dir_.WriteFile("plain", "x");
+  fs::path real;
+  // A component that is a file makes the path "not a directory", which counts as not found.
+  ASSERT_TRUE(ResolveRealPathAllowMissing(root_ / "plain/child", real).ok);
+  EXPECT_EQ(real, root_ / "plain/child");
+}
+
+TEST(ResolveRealPathAllowMissingTest, NoAncestorGivesTheLogicalPath) {
+  fs::path real;
+  ASSERT_TRUE(ResolveRealPathAllowMissing("relative-nowhere/x", real).ok);
+  EXPECT_EQ(real, "relative-nowhere/x");
+}
+
+struct RegularFileCase {
+  const char* name;
+  const char* path;  // below the temp dir
+  FileMutationErrorKind not_found_kind;
+  int code;
+  const char* message_head;
+};
+
+class RequireRegularFileTest : public ResolveOnDiskTest, public ::testing::WithParamInterface<RegularFileCase> {};
+
+TEST_P(RequireRegularFileTest, RefusesWithItsMessage) {
+  dir_.WriteFile("dir/file", "x");
+  ASSERT_EQ(::mkfifo((root_ / "fifo").c_str(), 0600), 0);
+  fs::create_symlink(root_ / "loop", root_ / "loop");
+  const RegularFileCase& c = GetParam();
+  fs::path real;
+  const std::string path = std::string(c.path).empty() ? "" : (root_ / c.path).native();
+  const CommandResult result = RequireRegularFile(root_.native(), path, real, c.not_found_kind);
+  ASSERT_FALSE(result.ok);
+  EXPECT_EQ(result.error->code, c.code);
+  EXPECT_TRUE(result.error->message.starts_with(c.message_head)) << result.error->message;
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Cases, RequireRegularFileTest,
+    ::testing::Values(
+        RegularFileCase{"empty", "", FileMutationErrorKind::kNone, 1, "INVALID_FILE_PATH: path is empty"},
+        RegularFileCase{"missing", "nope", FileMutationErrorKind::kNone, 1, "FILE_NOT_FOUND: /"},
+        RegularFileCase{"missing_as_mutation", "nope", FileMutationErrorKind::kFileNotFound, 1001,
+                        "FILE_NOT_FOUND: file not found: /"},
+        RegularFileCase{"below_a_file", "dir/file/x", FileMutationErrorKind::kNone, 1, "FILE_NOT_FOUND: /"},
+        RegularFileCase{"directory", "dir", FileMutationErrorKind::kNone, 1,
+                        "INVALID_FILE_PATH: path is not a regular file: /"},
+        RegularFileCase{"fifo", "fifo", FileMutationErrorKind::kNone, 1,
+                        "INVALID_FILE_PATH: path is not a regular file: /"},
+        RegularFileCase{"link_loop", "loop", FileMutationErrorKind::kNone, ELOOP,
+                        "INVALID_FILE_PATH: inspect file path failed: "}),
+    [](const auto& info) { return std::string(info.param.name); });
+
+TEST_F(ResolveOnDiskTest, RequireRegularFileGivesTheRealPath) {
+  dir_.WriteFile("a/file", "x");
+  fs::create_symlink(root_ / "a/file", root_ / "link");
+  fs::path real;
+  ASSERT_TRUE(RequireRegularFile(root_.native(), "link", real, FileMutationErrorKind::kNone).ok);
+  EXPECT_EQ(real, root_ / "a/file");
+}
+
+TEST_F(ResolveOnDiskTest, OverlongPathFailsWithTheSystemText) {
+  fs::path real;
+  const std::string path = "/" + std::string(5000, 'n');
+  const CommandResult result = RequireRegularFile("/", path, real, FileMutationErrorKind::kNone);
+  ASSERT_FALSE(result.ok);
+  EXPECT_EQ(result.error->code, ENAMETOOLONG);
+  EXPECT_EQ(result.error->message, "INVALID_FILE_PATH: inspect file path failed: File name too long");
+}
+
+TEST_F(ResolveOnDiskTest, RequireSearchRootAcceptsDirectoriesAndDefaultsToBase) {
+  fs::create_directory(root_ / "tree");
+  fs::path real;
+  ASSERT_TRUE(RequireSearchRoot((root_ / "tree").native(), "", real).ok);
+  EXPECT_EQ(real, root_ / "tree");
+  const CommandResult missing = RequireSearchRoot(root_.native(), "gone", real);
+  ASSERT_FALSE(missing.ok);
+  EXPECT_EQ(missing.error->message, "FILE_NOT_FOUND: " + (root_ / "gone").native());
+}
+
+}  // namespace
+}  // namespace brimo_stack::quay_tools_host::internal
