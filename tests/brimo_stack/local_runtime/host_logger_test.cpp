@@ -63,7 +63,7 @@ TEST_F(HostLoggerTest, OffLevelsAndEmptyDirectoryWriteNothing) {
 TEST_F(HostLoggerTest, RotatesAtTenMebibytesAndKeepsThree) {
   ConfigureHostLogger("marsh_console_host", {dir_.path().string(), 3});
   const std::string chunk(64 * 1024, 'x');
-  for (int i = 0; i < 16 * 5; ++i) {
+  for (int i = 0; i < 16 * 45; ++i) {  // 45 MiB: four files, the oldest rotated away
     SPDLOG_INFO("{}", chunk);
   }
   const auto files = LogFiles(dir_);
