@@ -1,0 +1,103 @@
+// file_edit through the built host: read-form recognition, results and every row of its refusals.
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <filesystem>
+
+#include "support/host_process.h"
+#include "support/temp_dir.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+using nlohmann::json;
+using quay_test::HostProcess;
+using quay_test::ReadWholeFile;
+
+class FileEditE2eTest : public ::testing::Test {
+ protected:
+  json Edit(json params) {
+    params["path"] = params.value("path", path_);
+    return host_.Call({{"method", "file_edit"}, {"params", std::move(params)}});
+  }
+  uint64_t Replacements(json params) {
+    const json answer = Edit(std::move(params));
+    EXPECT_TRUE(answer.value("ok", false)) << answer.dump();
+    return answer.value("ok", false) ? answer["outputs"][0]["data"].value("replacements", 0u) : 0u;
+  }
+
+  quay_test::TempDir dir_;
+  fs::path root_ = fs::canonical(dir_.path());
+  std::string path_ = (root_ / "f.txt").string();
+  HostProcess host_ = HostProcess::WithConfig();
+};
+
+TEST_F(FileEditE2eTest, ReadFormOnEitherSideLosesItsNumbers) {
+  dir_.WriteFile("f.txt", "one foo\ntwo bar\n");
+  EXPECT_EQ(Replacements({{"old_content", "     7\tfoo"}, {"new_content", "     1\tbaz\n     2\tqux"}}), 1u);
+  EXPECT_EQ(ReadWholeFile(path_), "one baz\nqux\ntwo bar\n");
+  // Numbers that do not run on stay, and are then searched as text.
+  dir_.WriteFile("f.txt", "     1\tfoo\n     3\tbar");
+  EXPECT_EQ(Replacements({{"old_content", "     1\tfoo\n     3\tbar"}, {"new_content", ""}}), 1u);
+  EXPECT_EQ(ReadWholeFile(path_), "");
+  dir_.WriteFile("f.txt", "a\tb");
+  EXPECT_EQ(Replacements({{"old_content", "\t"}, {"new_content", " "}}), 1u);
+  EXPECT_EQ(ReadWholeFile(path_), "a b");
+}
+
+TEST_F(FileEditE2eTest, ReplaceAllCountsAndKeepsTheMode) {
+  dir_.WriteFile("f.txt", "x-x-x");
+  ASSERT_EQ(::chmod(path_.c_str(), 0751), 0);
+  EXPECT_EQ(Replacements({{"old_content", "x"}, {"new_content", "yy"}, {"replace_all", true}}), 3u);
+  EXPECT_EQ(ReadWholeFile(path_), "yy-yy-yy");
+  struct stat info {};
+  ASSERT_EQ(::stat(path_.c_str(), &info), 0);
+  EXPECT_EQ(info.st_mode & 07777, 0751u);
+}
+
+TEST_F(FileEditE2eTest, EveryRefusalHasItsMessageAndLeavesTheFileAlone) {
+  dir_.WriteFile("f.txt", "dup dup");
+  dir_.WriteFile("bad.txt", "\xC0\x80");
+  dir_.WriteFile("ro.txt", "dup");
+  ASSERT_EQ(::chmod((root_ / "ro.txt").c_str(), 0444), 0);
+  fs::create_directory(root_ / "dir");
+  const std::string big = (root_ / "big.txt").string();
+  fs::resize_file(dir_.WriteFile("big.txt", ""), 67108865);
+  struct Row {
+    json params;
+    int code;
+    std::string message;
+  };
+  const Row rows[] = {
+      {{{"old_content", ""}}, 1, "INVALID_OLD_STRING: old_content is empty"},
+      {{{"path", ""}, {"old_content", "a"}}, 1, "INVALID_FILE_PATH: path is empty"},
+      {{{"path", (root_ / "none").string()}, {"old_content", "a"}}, 1001,
+       "FILE_NOT_FOUND: file not found: " + (root_ / "none").string()},
+      {{{"path", (root_ / "dir").string()}, {"old_content", "a"}}, 1,
+       "INVALID_FILE_PATH: path is not a regular file: " + (root_ / "dir").string()},
+      {{{"old_content", "a"}, {"policy", {{"whitelist_patterns", {"/nowhere/*"}}}}}, 1002,
+       "PERMISSION_DENIED: FILE_ACCESS_DENIED: did not match any whitelist pattern"},
+      {{{"path", big}, {"old_content", "a"}}, 0, "FILE_TOO_LARGE: editable file exceeds 67108864 bytes: " + big},
+      {{{"path", (root_ / "bad.txt").string()}, {"old_content", "a"}}, 0,
+       "UNSUPPORTED_ENCODING: file is not valid UTF-8: " + (root_ / "bad.txt").string()},
+      {{{"old_content", "     1\t"}}, 1, "INVALID_OLD_STRING: old_content is empty after removing read line numbers"},
+      {{{"old_content", "zzz"}}, 1003, "OLD_STRING_NOT_FOUND: old_content not found"},
+      {{{"old_content", "dup"}}, 1004, "OLD_STRING_NOT_UNIQUE: old_content appears more than once"},
+      {{{"path", (root_ / "ro.txt").string()}, {"old_content", "dup"}}, 1002,
+       "PERMISSION_DENIED: FILE_ACCESS_DENIED: target file is read-only"},
+  };
+  for (const Row& row : rows) {
+    const json answer = Edit(row.params);
+    EXPECT_FALSE(answer.value("ok", true)) << answer.dump();
+    EXPECT_EQ(answer["error"].value("category", -1), 7) << answer.dump();
+    EXPECT_EQ(answer["error"].value("code", -1), row.code) << answer.dump();
+    EXPECT_EQ(answer["error"].value("message", ""), row.message);
+  }
+  EXPECT_EQ(ReadWholeFile(path_), "dup dup");
+  EXPECT_EQ(ReadWholeFile(root_ / "ro.txt"), "dup");
+  for (const auto& entry : fs::directory_iterator(root_)) {
+    EXPECT_EQ(entry.path().filename().string().find(".brimo_stack_tmp_"), std::string::npos) << entry.path();
+  }
+}
+
+}  // namespace
