@@ -6,6 +6,9 @@
 #include <fstream>
 #include <optional>
 #include <set>
+#include <sstream>
+#include <utility>
+#include <vector>
 #include <string>
 
 #include <nlohmann/json.hpp>
@@ -190,136 +193,114 @@ TEST_F(FileExport, RefusedProfileInstallDirIsTheAnswer) {
                   {"message", "Profile install_dir must be an absolute path without parent traversal"}}));
 }
 
-// One refusal: what to build first, what to ask for, and the answer in full.
+// One refusal: what stands on disk first, what is asked for, and the answer in full. In the
+// texts, {root}, {tmp} and {outside} stand for the layout's paths and {nul} for a NUL byte; a
+// message that begins with %, @ or ! begins with the refusal of that name below.
 struct RefusalCase {
   const char* name;
-  void (*setup)(const Layout&);
-  std::string (*export_path)(const Layout&);
+  std::vector<std::string> setup;  // "dir P", "file P" or "link P T"
+  const char* export_path;
   int category;
   int code;
-  std::string (*message)(const Layout&);
+  const char* message;
 };
 
-class FileExportRefusal : public FileExport, public testing::WithParamInterface<RefusalCase> {};
+constexpr const char* kOutside = "INVALID_EXPORT_PATH: export_path is outside trusted export root: ";
+constexpr const char* kLinkOnTheWay = "INVALID_EXPORT_PATH: export path contains a reparse point: ";
+constexpr const char* kLinkAtTarget = "INVALID_EXPORT_PATH: export path is a reparse point: ";
 
-TEST_P(FileExportRefusal, AnswersItsMessageAndWritesVictimOnlyOutsideTheRoot) {
+class FileExportRefusal : public FileExport, public testing::WithParamInterface<RefusalCase> {
+ protected:
+  std::string Expand(std::string text) const {
+    const std::pair<std::string, std::string> names[] = {
+        {"{root}", layout_.root.native()}, {"{tmp}", layout_.tmp.native()}, {"{outside}", layout_.outside.native()},
+        {"{nul}", std::string(1, '\0')}};
+    for (const auto& [name, value] : names) {
+      for (size_t at = text.find(name); at != std::string::npos; at = text.find(name, at + value.size())) {
+        text.replace(at, name.size(), value);
+      }
+    }
+    return text;
+  }
+
+  std::string Message(const std::string& text) const {
+    const std::pair<char, const char*> heads[] = {{'%', kOutside}, {'@', kLinkOnTheWay}, {'!', kLinkAtTarget}};
+    for (const auto& [marker, head] : heads) {
+      if (text.front() == marker) {
+        return head + Expand(text.substr(1));
+      }
+    }
+    return Expand(text);
+  }
+
+  void Build(const std::string& step) {
+    std::istringstream words(Expand(step));
+    std::string verb, path, target;
+    words >> verb >> path >> target;
+    fs::create_directories(fs::path(path).parent_path());
+    if (verb == "dir") {
+      fs::create_directories(path);
+    } else if (verb == "file") {
+      WriteAt(path, "not a directory");
+    } else {
+      fs::create_symlink(target, path);
+    }
+  }
+};
+
+TEST_P(FileExportRefusal, AnswersItsMessageAndWritesNothingOutsideTheRoot) {
   const RefusalCase& c = GetParam();
-  c.setup(layout_);
+  WriteAt(layout_.outside / "victim.txt", "victim");
+  for (const std::string& step : c.setup) {
+    Build(step);
+  }
   const std::set<std::string> before = ListTree(temp_.path());
-  const std::string outside_victim = ReadWholeFile(layout_.outside / "victim.txt");
 
-  const json response = Export("source.txt", c.export_path(layout_));
+  const json response = Export("source.txt", Expand(c.export_path));
   ASSERT_FALSE(response.value("ok", true)) << response.dump();
-  EXPECT_EQ(response["error"], json({{"category", c.category}, {"code", c.code}, {"message", c.message(layout_)}}));
+  EXPECT_EQ(response["error"], json({{"category", c.category}, {"code", c.code}, {"message", Message(c.message)}}));
 
   for (const std::string& entry : ListTree(temp_.path())) {
     if (before.count(entry) == 0) {
       EXPECT_TRUE(IsAtOrBelow(entry, layout_.root)) << "created outside the root: " << entry;
     }
   }
-  EXPECT_EQ(ReadWholeFile(layout_.outside / "victim.txt"), outside_victim);
+  EXPECT_EQ(ReadWholeFile(layout_.outside / "victim.txt"), "victim");
   EXPECT_FALSE(fs::exists(layout_.outside / "new.txt"));
 }
-
-void VictimOnly(const Layout& l) { WriteAt(l.outside / "victim.txt", "victim"); }
-void RootIsLink(const Layout& l) {
-  VictimOnly(l);
-  fs::create_directories(l.root.parent_path());
-  fs::create_directory_symlink(l.outside, l.root);
-}
-void LinkBelowRoot(const Layout& l) {
-  VictimOnly(l);
-  fs::create_directories(l.root);
-  fs::create_directory_symlink(l.outside, l.root / "sub");
-}
-void LinkDeepBelowRoot(const Layout& l) {
-  VictimOnly(l);
-  fs::create_directories(l.root / "a");
-  fs::create_directory_symlink(l.outside, l.root / "a" / "b");
-}
-void DanglingLinkBelowRoot(const Layout& l) {
-  VictimOnly(l);
-  fs::create_directories(l.root);
-  fs::create_directory_symlink(l.outside / "nowhere", l.root / "sub");
-}
-void LinkAtTarget(const Layout& l) {
-  VictimOnly(l);
-  fs::create_directories(l.root);
-  fs::create_symlink(l.outside / "victim.txt", l.root / "t.txt");
-}
-void DanglingLinkAtTarget(const Layout& l) {
-  VictimOnly(l);
-  fs::create_directories(l.root);
-  fs::create_symlink(l.outside / "new.txt", l.root / "t.txt");
-}
-void FileInTheWay(const Layout& l) {
-  VictimOnly(l);
-  fs::create_directories(l.root);
-  WriteAt(l.root / "f", "not a directory");
-}
-void DirectoryAtTarget(const Layout& l) {
-  VictimOnly(l);
-  fs::create_directories(l.root / "dir");
-}
-
-std::string Root(const Layout& l) { return l.root.native(); }
-std::string Outside(const Layout&) { return "INVALID_EXPORT_PATH: export_path is outside trusted export root: "; }
 
 INSTANTIATE_TEST_SUITE_P(
     Cases, FileExportRefusal,
     testing::Values(
-        RefusalCase{"Empty", VictimOnly, [](const Layout&) { return std::string(); }, 7, 1,
-                    [](const Layout&) { return std::string("INVALID_EXPORT_PATH: export_path is empty"); }},
-        RefusalCase{"Relative", VictimOnly, [](const Layout&) { return std::string("qz/to/a.txt"); }, 7, 1,
-                    [](const Layout&) {
-                      return std::string("INVALID_EXPORT_PATH: export_path must be an absolute path");
-                    }},
-        RefusalCase{"DotDotEndingOutside", VictimOnly, [](const Layout& l) { return Root(l) + "/a/../../escaped.txt"; },
-                    7, 1, [](const Layout& l) { return Outside(l) + (l.tmp / "qz" / "escaped.txt").native(); }},
-        RefusalCase{"RootItself", VictimOnly, [](const Layout& l) { return Root(l) + "/"; }, 7, 1,
-                    [](const Layout& l) { return Outside(l) + Root(l); }},
-        RefusalCase{"SiblingWithRootAsPrefix", VictimOnly, [](const Layout& l) { return Root(l) + "ol/a.txt"; }, 7, 1,
-                    [](const Layout& l) { return Outside(l) + Root(l) + "ol/a.txt"; }},
-        RefusalCase{"RootInOtherLetterCase", VictimOnly,
-                    [](const Layout& l) { return (l.tmp / "QZ" / "to" / "a.txt").native(); }, 7, 1,
-                    [](const Layout& l) { return Outside(l) + (l.tmp / "QZ" / "to" / "a.txt").native(); }},
-        RefusalCase{"RootIsLink", RootIsLink, [](const Layout& l) { return Root(l) + "/a.txt"; }, 7, 1,
-                    [](const Layout& l) {
-                      return "INVALID_EXPORT_PATH: export path contains a reparse point: " + Root(l);
-                    }},
-        RefusalCase{"LinkBelowRoot", LinkBelowRoot, [](const Layout& l) { return Root(l) + "/sub/deeper/a.txt"; },
-                    7, 1,
-                    [](const Layout& l) {
-                      return "INVALID_EXPORT_PATH: export path contains a reparse point: " + Root(l) + "/sub";
-                    }},
-        RefusalCase{"LinkDeepBelowRoot", LinkDeepBelowRoot, [](const Layout& l) { return Root(l) + "/a/b/c.txt"; },
-                    7, 1,
-                    [](const Layout& l) {
-                      return "INVALID_EXPORT_PATH: export path contains a reparse point: " + Root(l) + "/a/b";
-                    }},
-        RefusalCase{"DanglingLinkBelowRoot", DanglingLinkBelowRoot,
-                    [](const Layout& l) { return Root(l) + "/sub/x/a.txt"; }, 7, 1,
-                    [](const Layout& l) {
-                      return "INVALID_EXPORT_PATH: export path contains a reparse point: " + Root(l) + "/sub";
-                    }},
-        RefusalCase{"LinkAtTarget", LinkAtTarget, [](const Layout& l) { return Root(l) + "/t.txt"; }, 3, 0,
-                    [](const Layout& l) {
-                      return "INVALID_EXPORT_PATH: export path is a reparse point: " + Root(l) + "/t.txt";
-                    }},
-        RefusalCase{"DanglingLinkAtTarget", DanglingLinkAtTarget, [](const Layout& l) { return Root(l) + "/t.txt"; },
-                    3, 0,
-                    [](const Layout& l) {
-                      return "INVALID_EXPORT_PATH: export path is a reparse point: " + Root(l) + "/t.txt";
-                    }},
-        RefusalCase{"FileInTheWay", FileInTheWay, [](const Layout& l) { return Root(l) + "/f/a.txt"; }, 7, 1,
-                    [](const Layout& l) {
-                      return "INVALID_EXPORT_PATH: export path component is not a directory: " + Root(l) + "/f";
-                    }},
-        RefusalCase{"DirectoryAtTarget", DirectoryAtTarget, [](const Layout& l) { return Root(l) + "/dir"; }, 3, 0,
-                    [](const Layout& l) {
-                      return "INVALID_EXPORT_PATH: export path is not a regular file: " + Root(l) + "/dir";
-                    }}),
+        RefusalCase{"Empty", {}, "", 7, 1, "INVALID_EXPORT_PATH: export_path is empty"},
+        RefusalCase{"Relative", {}, "qz/to/a.txt", 7, 1, "INVALID_EXPORT_PATH: export_path must be an absolute path"},
+        RefusalCase{"DotDotEndingOutside", {}, "{root}/a/../../escaped.txt", 7, 1, "%{tmp}/qz/escaped.txt"},
+        RefusalCase{"RootItself", {}, "{root}/", 7, 1, "%{root}"},
+        RefusalCase{"SiblingWithRootAsPrefix", {}, "{root}ol/a.txt", 7, 1, "%{root}ol/a.txt"},
+        RefusalCase{"RootInOtherLetterCase", {}, "{tmp}/QZ/to/a.txt", 7, 1, "%{tmp}/QZ/to/a.txt"},
+        RefusalCase{"RootIsLink", {"dir {tmp}/qz", "link {root} {outside}"}, "{root}/a.txt", 7, 1, "@{root}"},
+        RefusalCase{"LinkBelowRoot", {"link {root}/sub {outside}"}, "{root}/sub/deeper/a.txt", 7, 1, "@{root}/sub"},
+        RefusalCase{"LinkDeepBelowRoot", {"link {root}/a/b {outside}"}, "{root}/a/b/c.txt", 7, 1, "@{root}/a/b"},
+        RefusalCase{"DanglingLinkBelowRoot", {"link {root}/sub {outside}/nowhere"}, "{root}/sub/x/a.txt", 7, 1,
+                    "@{root}/sub"},
+        RefusalCase{"LinkAtTarget", {"link {root}/t.txt {outside}/victim.txt"}, "{root}/t.txt", 3, 0, "!{root}/t.txt"},
+        RefusalCase{"DanglingLinkAtTarget", {"link {root}/t.txt {outside}/new.txt"}, "{root}/t.txt", 3, 0,
+                    "!{root}/t.txt"},
+        RefusalCase{"FileInTheWay", {"file {root}/f"}, "{root}/f/a.txt", 7, 1,
+                    "INVALID_EXPORT_PATH: export path component is not a directory: {root}/f"},
+        RefusalCase{"DirectoryAtTarget", {"dir {root}/dir"}, "{root}/dir", 3, 0,
+                    "INVALID_EXPORT_PATH: export path is not a regular file: {root}/dir"},
+        RefusalCase{"NulByte", {}, "{root}/a{nul}b", 7, 1, "INVALID_EXPORT_PATH: export_path contains a NUL character"}),
     [](const testing::TestParamInfo<RefusalCase>& info) { return std::string(info.param.name); });
+
+TEST_F(FileExport, UnusableTempDirectoryIsTheAnswer) {
+  fs::remove_all(layout_.tmp);
+  const json response = Export("source.txt", (layout_.root / "a.txt").native());
+  EXPECT_EQ(response["error"], json({{"category", 6},
+                                     {"code", 2},
+                                     {"message", "validate system temporary directory failed: No such file or directory"}}));
+  EXPECT_FALSE(fs::exists(layout_.tmp));
+}
 
 // Refusals of the source come before the destination is looked at: no root appears.
 TEST_F(FileExport, SourceRefusalsComeFirst) {
