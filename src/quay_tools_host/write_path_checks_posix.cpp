@@ -58,7 +58,12 @@ CommandResult EnsureParentDirectories(const std::filesystem::path& parent, const
     }
     struct stat info {};
     if (::lstat(directory.c_str(), &info) == 0) {
-      return inspected;
+      // A concurrent creator may have made it since the first look: judge what stands there now.
+      CommandResult again = InspectDirectoryComponent(directory);
+      if (!again.ok) {
+        return again;
+      }
+      continue;
     }
     const int missing_error = errno;
     if (missing_error != ENOENT && missing_error != ENOTDIR) {

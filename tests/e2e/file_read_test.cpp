@@ -77,7 +77,8 @@ TEST_F(FileReadE2eTest, EveryRefusalHasItsMessageAndTheHostGoesOn) {
   EXPECT_EQ(Refusal({{"path", r + "/bad.txt"}}, 7, 1), "UNSUPPORTED_ENCODING: file is not valid UTF-8: " + r + "/bad.txt");
   EXPECT_EQ(ContentOf(Read({{"path", r + "/bad.txt"}, {"limit", 1}})), "     1\tok\n");
   EXPECT_EQ(Refusal({{"path", r + "/controls.txt"}}, 7, 0), "file read exceeds the IPC response limit");
-  EXPECT_EQ(Refusal({{"path", "/" + std::string(4096, 'p')}}, 6, ENAMETOOLONG),
+  const std::string long_path = std::string(1, '/').append(4096, 'p');
+  EXPECT_EQ(Refusal({{"path", long_path}}, 6, ENAMETOOLONG),
             "INVALID_FILE_PATH: inspect file path failed: File name too long");
   EXPECT_EQ(Refusal({{"path", r + "/dir/file.txt"}, {"policy", {{"require_whitelist", true}}}}, 7, 1),
             "FILE_ACCESS_DENIED: did not match any whitelist pattern");
@@ -130,7 +131,13 @@ TEST_F(FileReadE2eTest, LinkIsFollowedOnlyWhenBothPathsPass) {
 // The numbered form of version `k`: versions differ in line count, line length and content.
 std::string Version(int k) {
   std::string text;
-  for (int i = 0; i < 50 + k * 7; ++i) text += "v" + std::to_string(k) + " line " + std::string(i % 13 + k, 'x') + "\n";
+  for (int i = 0; i < 50 + k * 7; ++i) {
+    text += 'v';
+    text += std::to_string(k);
+    text += " line ";
+    text.append(static_cast<size_t>(i % 13 + k), 'x');
+    text += '\n';
+  }
   return text;
 }
 

@@ -38,8 +38,15 @@ HostProcess::HostProcess(const std::vector<std::string>& arguments, const std::v
   std::vector<char*> argv;
   for (auto& a : argv_storage) argv.push_back(a.data());
   argv.push_back(nullptr);
+  // An extra NAME=value replaces an inherited NAME, so the child sees exactly one of it.
+  const auto name_of = [](const std::string& entry) { return entry.substr(0, entry.find('=')); };
   std::vector<std::string> env_storage;
-  for (char** e = environ; *e != nullptr; ++e) env_storage.emplace_back(*e);
+  for (char** e = environ; *e != nullptr; ++e) {
+    const std::string entry(*e);
+    bool replaced = false;
+    for (const auto& extra : extra_env) replaced = replaced || name_of(extra) == name_of(entry);
+    if (!replaced) env_storage.push_back(entry);
+  }
   env_storage.insert(env_storage.end(), extra_env.begin(), extra_env.end());
   std::vector<char*> envp;
   for (auto& e : env_storage) envp.push_back(e.data());
