@@ -3,6 +3,9 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <sys/wait.h>
+
+#include <nlohmann/json.hpp>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -75,6 +78,43 @@ void BM_PipeRead16MiB(benchmark::State& state) {
   }
 }
 BENCHMARK(BM_PipeRead16MiB)->Arg(1)->Arg(65536)->Unit(benchmark::kMillisecond)->UseRealTime();
+
+// The floor of any round trip here: one byte to a child process and back, no work between.
+void BM_PipePingPongFloor(benchmark::State& state) {
+  int to_child[2], to_parent[2];
+  if (::pipe2(to_child, O_CLOEXEC) != 0 || ::pipe2(to_parent, O_CLOEXEC) != 0) throw std::runtime_error("pipe2");
+  const pid_t child = ::fork();
+  if (child == 0) {
+    // Drop the parent's ends, or the child never sees end of input.
+    ::close(to_child[1]);
+    ::close(to_parent[0]);
+    char byte;
+    while (::read(to_child[0], &byte, 1) == 1 && ::write(to_parent[1], &byte, 1) == 1) {
+    }
+    ::_exit(0);
+  }
+  ::close(to_child[0]);
+  ::close(to_parent[1]);
+  char byte = 'x';
+  for (auto _ : state) {
+    if (::write(to_child[1], &byte, 1) != 1 || ::read(to_parent[0], &byte, 1) != 1) state.SkipWithError("pipe");
+  }
+  ::close(to_child[1]);
+  ::close(to_parent[0]);
+  ::waitpid(child, nullptr, 0);
+}
+BENCHMARK(BM_PipePingPongFloor)->Unit(benchmark::kMicrosecond)->MinTime(1.0);
+
+// The JSON parse of the largest frame alone: the part of a round trip no channel can avoid.
+void BM_ParseLargestFrame(benchmark::State& state) {
+  std::string frame = LargestPingFrame();
+  frame.pop_back();
+  for (auto _ : state) {
+    auto value = nlohmann::json::parse(frame, nullptr, false, false);
+    benchmark::DoNotOptimize(value);
+  }
+}
+BENCHMARK(BM_ParseLargestFrame)->Unit(benchmark::kMillisecond)->UseRealTime()->MinTime(2.0);
 
 }  // namespace
 

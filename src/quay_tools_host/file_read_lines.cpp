@@ -1,7 +1,7 @@
 // The line scan and the budgeted line reader behind file_read.
 #include "quay_tools_host/file_read_lines.h"
 
-#include <bit>
+#include <algorithm>
 #include <cstring>
 
 #include "quay_tools_host/file_errors.h"
@@ -11,30 +11,36 @@
 namespace brimo_stack::quay_tools_host::internal {
 namespace {
 
-constexpr uint64_t kOnes = 0x0101010101010101ull;
-constexpr uint64_t kLowSeven = 0x7F7F7F7F7F7F7F7Full;
-constexpr uint64_t kHighBits = 0x8080808080808080ull;
+// Sixteen bytes at a time with the compiler's portable vector extension: each compare gives 0 or
+// -1 per lane, subtracted into 8-bit lane counters that are folded before they can wrap.
+using ByteVector = unsigned char __attribute__((vector_size(16)));
+constexpr size_t kVectorBytes = sizeof(ByteVector);
+constexpr size_t kVectorsPerFold = 255;
 
-// High bit set in every byte of `word` that is zero, exactly (no false positives).
-inline uint64_t ZeroBytes(uint64_t word) { return ~(((word & kLowSeven) + kLowSeven) | word | kLowSeven); }
-
-// Counts line feeds eight bytes at a time and tells whether any carriage return is present:
-// the scan may skip a whole block only when the block holds no carriage return.
+// Counts line feeds and tells whether any carriage return is present: the scan may skip a
+// whole block only when the block holds no carriage return.
 uint64_t CountLineFeeds(const char* data, size_t length, bool& has_carriage_return) {
   uint64_t count = 0;
-  uint64_t carriage_returns = 0;
+  ByteVector carriage_returns = {};
   size_t i = 0;
-  for (; i + 8 <= length; i += 8) {
-    uint64_t word;
-    std::memcpy(&word, data + i, sizeof(word));
-    count += static_cast<uint64_t>(std::popcount(ZeroBytes(word ^ (kOnes * '\n'))));
-    carriage_returns |= ZeroBytes(word ^ (kOnes * '\r'));
+  while (length - i >= kVectorBytes) {
+    ByteVector lanes = {};
+    const size_t vectors = std::min((length - i) / kVectorBytes, kVectorsPerFold);
+    for (size_t v = 0; v < vectors; ++v, i += kVectorBytes) {
+      ByteVector bytes;
+      std::memcpy(&bytes, data + i, kVectorBytes);
+      lanes -= reinterpret_cast<ByteVector>(bytes == '\n');
+      carriage_returns |= reinterpret_cast<ByteVector>(bytes == '\r');
+    }
+    for (size_t lane = 0; lane < kVectorBytes; ++lane) count += lanes[lane];
   }
+  bool any_carriage_return = false;
+  for (size_t lane = 0; lane < kVectorBytes; ++lane) any_carriage_return |= carriage_returns[lane] != 0;
   for (; i < length; ++i) {
     count += data[i] == '\n';
-    carriage_returns |= data[i] == '\r';
+    any_carriage_return |= data[i] == '\r';
   }
-  has_carriage_return = carriage_returns != 0;
+  has_carriage_return = any_carriage_return;
   return count;
 }
 
