@@ -3,6 +3,7 @@
 
 #include "quay_tools_host/atomic_file_writer.h"
 #include "quay_tools_host/file_access_policy.h"
+#include "quay_tools_host/existing_file_entry.h"
 #include "quay_tools_host/file_command_service.h"
 #include "quay_tools_host/file_errors.h"
 #include "quay_tools_host/file_paths.h"
@@ -25,20 +26,11 @@ CommandResult FileCommandService::Edit(const FileEditRequest& request) {
   if (request.old_content.empty()) {
     return CommandResult::Failure(kCategoryRefused, 1, "INVALID_OLD_STRING: old_content is empty");
   }
-  std::filesystem::path logical;
-  CommandResult resolved = internal::ResolveRequestPath(request.base_cwd, request.path, logical);
-  if (!resolved.ok) {
-    return resolved;
-  }
   std::filesystem::path real;
-  CommandResult regular =
-      internal::RequireRegularFile(request.base_cwd, request.path, real, FileMutationErrorKind::kFileNotFound);
-  if (!regular.ok) {
-    return regular;
-  }
-  CommandResult allowed = internal::CheckRequestPathAccess(request.policy, logical, real, /*for_write=*/true);
+  CommandResult allowed = internal::ResolveExistingFileUnderPolicy(
+      request.base_cwd, request.path, request.policy, /*for_write=*/true, FileMutationErrorKind::kFileNotFound, real);
   if (!allowed.ok) {
-    return MapFileMissing(std::move(allowed));
+    return allowed;
   }
   std::string text;
   CommandResult loaded = internal::ReadValidatedUtf8File(real, text, internal::kEditableFileLimit);

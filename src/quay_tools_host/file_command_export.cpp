@@ -5,6 +5,7 @@
 #include "quay_tools_host/atomic_file_writer.h"
 #include "quay_tools_host/export_target.h"
 #include "quay_tools_host/file_access_policy.h"
+#include "quay_tools_host/existing_file_entry.h"
 #include "quay_tools_host/file_command_service.h"
 #include "quay_tools_host/file_errors.h"
 #include "quay_tools_host/file_paths.h"
@@ -42,18 +43,9 @@ CommandResult CheckExistingExportFile(const std::filesystem::path& target) {
 }  // namespace
 
 CommandResult FileCommandService::Export(const FileExportRequest& request) {
-  std::filesystem::path logical;
-  CommandResult resolved = internal::ResolveRequestPath(request.base_cwd, request.path, logical);
-  if (!resolved.ok) {
-    return resolved;
-  }
   std::filesystem::path real;
-  CommandResult regular =
-      internal::RequireRegularFile(request.base_cwd, request.path, real, internal::FileMutationErrorKind::kNone);
-  if (!regular.ok) {
-    return regular;
-  }
-  CommandResult allowed = internal::CheckRequestPathAccess(request.policy, logical, real, /*for_write=*/false);
+  CommandResult allowed = internal::ResolveExistingFileUnderPolicy(
+      request.base_cwd, request.path, request.policy, /*for_write=*/false, internal::FileMutationErrorKind::kNone, real);
   if (!allowed.ok) {
     return allowed;
   }

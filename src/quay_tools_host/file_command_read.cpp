@@ -5,6 +5,7 @@
 #include <string>
 
 #include "quay_tools_host/file_access_policy.h"
+#include "quay_tools_host/existing_file_entry.h"
 #include "quay_tools_host/file_command_service.h"
 #include "quay_tools_host/file_errors.h"
 #include "quay_tools_host/file_paths.h"
@@ -24,13 +25,9 @@ CommandResult EmptyContent() { return MakeJsonOutputResult({{"content", ""}}); }
 
 CommandResult FileCommandService::Read(const FileReadRequest& request) {
   using namespace internal;
-  std::filesystem::path logical;
-  CommandResult step = ResolveRequestPath(request.base_cwd, request.path, logical);
-  if (!step.ok) return step;
   std::filesystem::path real;
-  step = RequireRegularFile(request.base_cwd, request.path, real, FileMutationErrorKind::kNone);
-  if (!step.ok) return step;
-  step = CheckRequestPathAccess(request.policy, logical, real, /*for_write=*/false);
+  CommandResult step = ResolveExistingFileUnderPolicy(request.base_cwd, request.path, request.policy,
+                                                      /*for_write=*/false, FileMutationErrorKind::kNone, real);
   if (!step.ok) return step;
 
   const uint64_t offset = request.offset.value_or(0);

@@ -3,6 +3,7 @@
 
 #include "quay_tools_host/atomic_file_writer.h"
 #include "quay_tools_host/file_access_policy.h"
+#include "quay_tools_host/existing_file_entry.h"
 #include "quay_tools_host/file_command_service.h"
 #include "quay_tools_host/file_errors.h"
 #include "quay_tools_host/file_paths.h"
@@ -20,21 +21,12 @@ CommandResult MapParentMissing(CommandResult result) {
 
 CommandResult WriteLocalFile(const FileWriteRequest& request, const std::filesystem::path& real,
                              uint64_t& bytes_written) {
-  std::filesystem::path local_logical;
-  CommandResult resolved = internal::ResolveRequestPath(request.base_cwd, *request.local_path, local_logical);
-  if (!resolved.ok) {
-    return resolved;
-  }
   std::filesystem::path local_real;
-  CommandResult regular =
-      internal::RequireRegularFile(request.base_cwd, *request.local_path, local_real, FileMutationErrorKind::kFileNotFound);
-  if (!regular.ok) {
-    return regular;
-  }
-  CommandResult readable =
-      internal::CheckRequestPathAccess(request.policy, local_logical, local_real, /*for_write=*/false);
+  CommandResult readable = internal::ResolveExistingFileUnderPolicy(request.base_cwd, *request.local_path,
+                                                                    request.policy, /*for_write=*/false,
+                                                                    FileMutationErrorKind::kFileNotFound, local_real);
   if (!readable.ok) {
-    return internal::MapMutationFailure(std::move(readable), FileMutationErrorKind::kFileNotFound);
+    return readable;
   }
   CommandResult failure;
   const bool written =
