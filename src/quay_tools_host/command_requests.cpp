@@ -10,18 +10,19 @@ using nlohmann::json;
 
 // Reads the keys of one params object. Every lookup checks the object first, so that params
 // of the wrong type fail at the first key with the library's own "cannot use value()" text.
+// Strings move out of the params, which are read once: a content may be a whole frame long.
 class ParamsReader {
  public:
-  explicit ParamsReader(const json& params) : params_(params) {}
+  explicit ParamsReader(json& params) : params_(params) {}
 
   void String(const char* key, std::string& out) const {
-    if (const json* v = Find(key)) {
-      out = v->get<std::string>();
+    if (json* v = Find(key)) {
+      out = TakeString(*v);
     }
   }
   void OptionalString(const char* key, std::optional<std::string>& out) const {
-    if (const json* v = Find(key); v != nullptr && !v->is_null()) {
-      out = v->get<std::string>();
+    if (json* v = Find(key); v != nullptr && !v->is_null()) {
+      out = TakeString(*v);
     }
   }
   void Bool(const char* key, bool& out) const {
@@ -60,12 +61,12 @@ class ParamsReader {
     }
   }
   void Policy(const char* key, FileAccessPolicyConfig& out) const {
-    if (const json* v = Find(key)) {
+    if (json* v = Find(key)) {
       out = ReadPolicy(*v);
     }
   }
 
-  static FileAccessPolicyConfig ReadPolicy(const json& value) {
+  static FileAccessPolicyConfig ReadPolicy(json& value) {
     FileAccessPolicyConfig policy;
     if (value.is_null()) {
       return policy;
@@ -80,7 +81,14 @@ class ParamsReader {
   }
 
  private:
-  const json* Find(const char* key) const {
+  static std::string TakeString(json& value) {
+    if (value.is_string()) {
+      return std::move(value.get_ref<std::string&>());
+    }
+    return value.get<std::string>();  // throws the library's type error
+  }
+
+  json* Find(const char* key) const {
     if (!params_.is_object()) {
       throw json::type_error::create(306, std::string("cannot use value() with ") + params_.type_name(), &params_);
     }
@@ -122,12 +130,12 @@ class ParamsReader {
                                    &value);
   }
 
-  const json& params_;
+  json& params_;
 };
 
 // Runs `read` over a non-null params value and turns the library's exception into the failure.
 template <typename Record, typename ReadKeys>
-CommandResult ParseWith(const json& params, Record& out, ReadKeys read) {
+CommandResult ParseWith(json& params, Record& out, ReadKeys read) {
   Record record;
   if (!params.is_null()) {
     try {
@@ -142,7 +150,7 @@ CommandResult ParseWith(const json& params, Record& out, ReadKeys read) {
 
 }  // namespace
 
-CommandResult ParseRequest(const json& params, InternalInitializeRequest& out) {
+CommandResult ParseRequest(json params, InternalInitializeRequest& out) {
   return ParseWith(params, out, [](const ParamsReader& r, InternalInitializeRequest& rec) {
     r.String("rg_executable", rec.rg_executable);
     r.String("sbox_log_dir", rec.sbox_log_dir);
@@ -151,7 +159,7 @@ CommandResult ParseRequest(const json& params, InternalInitializeRequest& out) {
   });
 }
 
-CommandResult ParseRequest(const json& params, FileReadRequest& out) {
+CommandResult ParseRequest(json params, FileReadRequest& out) {
   return ParseWith(params, out, [](const ParamsReader& r, FileReadRequest& rec) {
     r.String("base_cwd", rec.base_cwd);
     r.String("path", rec.path);
@@ -165,7 +173,7 @@ CommandResult ParseRequest(const json& params, FileReadRequest& out) {
   });
 }
 
-CommandResult ParseRequest(const json& params, FileWriteRequest& out) {
+CommandResult ParseRequest(json params, FileWriteRequest& out) {
   return ParseWith(params, out, [](const ParamsReader& r, FileWriteRequest& rec) {
     r.String("base_cwd", rec.base_cwd);
     r.String("path", rec.path);
@@ -176,7 +184,7 @@ CommandResult ParseRequest(const json& params, FileWriteRequest& out) {
   });
 }
 
-CommandResult ParseRequest(const json& params, FileCreateTempRequest& out) {
+CommandResult ParseRequest(json params, FileCreateTempRequest& out) {
   return ParseWith(params, out, [](const ParamsReader& r, FileCreateTempRequest& rec) {
     r.String("root", rec.root);
     r.String("content_base64", rec.content_base64);
@@ -184,7 +192,7 @@ CommandResult ParseRequest(const json& params, FileCreateTempRequest& out) {
   });
 }
 
-CommandResult ParseRequest(const json& params, FileEditRequest& out) {
+CommandResult ParseRequest(json params, FileEditRequest& out) {
   return ParseWith(params, out, [](const ParamsReader& r, FileEditRequest& rec) {
     r.String("base_cwd", rec.base_cwd);
     r.String("path", rec.path);
@@ -195,7 +203,7 @@ CommandResult ParseRequest(const json& params, FileEditRequest& out) {
   });
 }
 
-CommandResult ParseRequest(const json& params, FileNotebookEditRequest& out) {
+CommandResult ParseRequest(json params, FileNotebookEditRequest& out) {
   return ParseWith(params, out, [](const ParamsReader& r, FileNotebookEditRequest& rec) {
     r.String("base_cwd", rec.base_cwd);
     r.String("path", rec.path);
@@ -207,7 +215,7 @@ CommandResult ParseRequest(const json& params, FileNotebookEditRequest& out) {
   });
 }
 
-CommandResult ParseRequest(const json& params, FileGlobRequest& out) {
+CommandResult ParseRequest(json params, FileGlobRequest& out) {
   return ParseWith(params, out, [](const ParamsReader& r, FileGlobRequest& rec) {
     r.String("base_cwd", rec.base_cwd);
     r.String("base_env", rec.base_env);
@@ -224,7 +232,7 @@ CommandResult ParseRequest(const json& params, FileGlobRequest& out) {
   });
 }
 
-CommandResult ParseRequest(const json& params, FileGrepRequest& out) {
+CommandResult ParseRequest(json params, FileGrepRequest& out) {
   return ParseWith(params, out, [](const ParamsReader& r, FileGrepRequest& rec) {
     r.String("base_cwd", rec.base_cwd);
     r.String("base_env", rec.base_env);
@@ -246,7 +254,7 @@ CommandResult ParseRequest(const json& params, FileGrepRequest& out) {
   });
 }
 
-CommandResult ParseRequest(const json& params, FileExportRequest& out) {
+CommandResult ParseRequest(json params, FileExportRequest& out) {
   return ParseWith(params, out, [](const ParamsReader& r, FileExportRequest& rec) {
     r.String("base_cwd", rec.base_cwd);
     r.String("path", rec.path);

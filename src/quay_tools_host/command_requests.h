@@ -119,14 +119,14 @@ struct FileExportRequest {
 
 // Each fills its record from `params` (null gives the defaults) or fails with category 7,
 // code 1 and "invalid request params: " and the JSON library's text.
-[[nodiscard]] CommandResult ParseRequest(const nlohmann::json& params, InternalInitializeRequest& out);
-[[nodiscard]] CommandResult ParseRequest(const nlohmann::json& params, FileReadRequest& out);
-[[nodiscard]] CommandResult ParseRequest(const nlohmann::json& params, FileWriteRequest& out);
-[[nodiscard]] CommandResult ParseRequest(const nlohmann::json& params, FileCreateTempRequest& out);
-[[nodiscard]] CommandResult ParseRequest(const nlohmann::json& params, FileEditRequest& out);
-[[nodiscard]] CommandResult ParseRequest(const nlohmann::json& params, FileNotebookEditRequest& out);
-[[nodiscard]] CommandResult ParseRequest(const nlohmann::json& params, FileGlobRequest& out);
-[[nodiscard]] CommandResult ParseRequest(const nlohmann::json& params, FileGrepRequest& out);
-[[nodiscard]] CommandResult ParseRequest(const nlohmann::json& params, FileExportRequest& out);
+[[nodiscard]] CommandResult ParseRequest(nlohmann::json params, InternalInitializeRequest& out);
+[[nodiscard]] CommandResult ParseRequest(nlohmann::json params, FileReadRequest& out);
+[[nodiscard]] CommandResult ParseRequest(nlohmann::json params, FileWriteRequest& out);
+[[nodiscard]] CommandResult ParseRequest(nlohmann::json params, FileCreateTempRequest& out);
+[[nodiscard]] CommandResult ParseRequest(nlohmann::json params, FileEditRequest& out);
+[[nodiscard]] CommandResult ParseRequest(nlohmann::json params, FileNotebookEditRequest& out);
+[[nodiscard]] CommandResult ParseRequest(nlohmann::json params, FileGlobRequest& out);
+[[nodiscard]] CommandResult ParseRequest(nlohmann::json params, FileGrepRequest& out);
+[[nodiscard]] CommandResult ParseRequest(nlohmann::json params, FileExportRequest& out);
 
 }  // namespace brimo_stack::quay_tools_host

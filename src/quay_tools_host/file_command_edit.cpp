@@ -38,8 +38,14 @@ CommandResult FileCommandService::Edit(const FileEditRequest& request) {
     return MapFileMissing(std::move(loaded));
   }
   // Each side is recognised on its own: a numbered new_content loses its numbers either way.
-  const std::string old_text = internal::StripReadLineNumbers(request.old_content);
-  const std::string new_text = internal::StripReadLineNumbers(request.new_content);
+  std::string old_stripped;
+  std::string new_stripped;
+  const std::string_view old_text = internal::TryStripReadLineNumbers(request.old_content, old_stripped)
+                                        ? old_stripped
+                                        : std::string_view(request.old_content);
+  const std::string_view new_text = internal::TryStripReadLineNumbers(request.new_content, new_stripped)
+                                        ? new_stripped
+                                        : std::string_view(request.new_content);
   if (old_text.empty()) {
     return CommandResult::Failure(kCategoryRefused, 1,
                                   "INVALID_OLD_STRING: old_content is empty after removing read line numbers");

@@ -41,7 +41,9 @@ CommandResult WriteLocalFile(const FileWriteRequest& request, const std::filesys
 
 CommandResult WriteContent(const FileWriteRequest& request, const std::filesystem::path& real,
                            uint64_t& bytes_written) {
-  const std::string text = internal::StripReadLineNumbers(*request.content);
+  std::string stripped;
+  const std::string_view text =
+      internal::TryStripReadLineNumbers(*request.content, stripped) ? stripped : std::string_view(*request.content);
   CommandResult failure;
   if (request.append) {
     if (!internal::AppendBytesToFile(real, text, bytes_written, failure)) {

@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <cstring>
 
+#include "brimo_stack_common/byte_vector.h"
 #include "quay_tools_host/file_errors.h"
 #include "quay_tools_host/file_paths.h"
 #include "quay_tools_host/file_text.h"
@@ -11,10 +12,9 @@
 namespace brimo_stack::quay_tools_host::internal {
 namespace {
 
-// Sixteen bytes at a time with the compiler's portable vector extension: each compare gives 0 or
-// -1 per lane, subtracted into 8-bit lane counters that are folded before they can wrap.
-using ByteVector = unsigned char __attribute__((vector_size(16)));
-constexpr size_t kVectorBytes = sizeof(ByteVector);
+// Each vector compare gives 0 or -1 per lane, subtracted into 8-bit lane counters that are
+// folded before they can wrap.
+constexpr size_t kVectorBytes = kByteVectorBytes;
 constexpr size_t kVectorsPerFold = 255;
 
 // Counts line feeds and tells whether any carriage return is present: the scan may skip a
@@ -27,8 +27,7 @@ uint64_t CountLineFeeds(const char* data, size_t length, bool& has_carriage_retu
     ByteVector lanes = {};
     const size_t vectors = std::min((length - i) / kVectorBytes, kVectorsPerFold);
     for (size_t v = 0; v < vectors; ++v, i += kVectorBytes) {
-      ByteVector bytes;
-      std::memcpy(&bytes, data + i, kVectorBytes);
+      const ByteVector bytes = LoadByteVector(data + i);
       lanes -= reinterpret_cast<ByteVector>(bytes == '\n');
       carriage_returns |= reinterpret_cast<ByteVector>(bytes == '\r');
     }

@@ -12,6 +12,7 @@
 
 #include <fmt/format.h>
 
+#include "brimo_stack_common/large_buffer.h"
 #include "quay_tools_host/file_errors.h"
 #include "quay_tools_host/file_paths.h"
 #include "quay_tools_host/file_text.h"
@@ -181,7 +182,7 @@ CommandResult ReadValidatedUtf8File(const std::filesystem::path& path, std::stri
   CachedReadFile file;
   file.handle = fd;
   text.clear();
-  text.reserve(static_cast<size_t>(size));
+  ReserveLargeString(text, static_cast<size_t>(size));
   std::string block(kFileBlockSize, '\0');
   while (true) {
     uint64_t got = 0;

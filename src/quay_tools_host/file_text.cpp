@@ -68,46 +68,53 @@ uint64_t JsonEscapedCost(std::string_view text) {
 std::string FormatReadLineNumber(uint64_t line_number) { return fmt::format("{:>6}\t", line_number); }
 
 std::optional<ReadLinePrefix> ParseReadLinePrefix(std::string_view line) {
-  const size_t tab = line.find('\t');
-  if (tab == std::string_view::npos || tab < 6) return std::nullopt;
-  size_t i = 0;
-  while (i < tab && line[i] == ' ') ++i;
-  if (i == tab) return std::nullopt;
-  if (line[i] < '1' || line[i] > '9') return std::nullopt;
+  // Only spaces and then digits may stand before the tab, so the scan ends at the first other
+  // byte and never walks the rest of a long line.
+  size_t digits = 0;
+  while (digits < line.size() && line[digits] == ' ') ++digits;
+  const size_t spaces = digits;
+  size_t tab = spaces;
+  while (tab < line.size() && line[tab] >= '0' && line[tab] <= '9') ++tab;
+  if (tab == line.size() || line[tab] != '\t' || tab < 6 || tab == spaces) return std::nullopt;
+  if (line[spaces] == '0') return std::nullopt;
   // A number of seven digits or more fills its field, so no blank may lead it.
-  if (tab > 6 && i != 0) return std::nullopt;
+  if (tab > 6 && spaces != 0) return std::nullopt;
   uint64_t number = 0;
-  for (size_t k = i; k < tab; ++k) {
-    if (line[k] < '0' || line[k] > '9') return std::nullopt;
+  for (size_t k = spaces; k < tab; ++k) {
     number = number * 10 + static_cast<uint64_t>(line[k] - '0');  // wraps modulo 2^64 by design
   }
   return ReadLinePrefix{number, tab + 1};
 }
 
-std::string StripReadLineNumbers(std::string_view text) {
-  if (text.empty()) return std::string();
-  std::string result;
-  result.reserve(text.size());
+bool TryStripReadLineNumbers(std::string_view text, std::string& stripped) {
+  stripped.clear();
   std::optional<uint64_t> previous;
   size_t start = 0;
   while (start < text.size()) {
-    size_t end = text.find_first_of("\r\n", start);
-    size_t next = text.size();
-    if (end == std::string_view::npos) {
-      end = text.size();
-    } else {
-      next = end + 1;
+    // A prefix holds no line terminator, so it can be read before the line's end is known.
+    const auto prefix = ParseReadLinePrefix(text.substr(start));
+    if (!prefix.has_value() || (previous.has_value() && prefix->number != *previous + 1)) {
+      stripped.clear();
+      return false;
+    }
+    if (!previous.has_value()) stripped.reserve(text.size());
+    previous = prefix->number;
+    size_t end = start + prefix->prefix_length;
+    while (end < text.size() && text[end] != '\n' && text[end] != '\r') ++end;
+    size_t next = end;
+    if (next < text.size()) {
+      ++next;
       if (text[end] == '\r' && next < text.size() && text[next] == '\n') ++next;
     }
-    const auto prefix = ParseReadLinePrefix(text.substr(start, end - start));
-    if (!prefix.has_value() || (previous.has_value() && prefix->number != *previous + 1)) {
-      return std::string(text);
-    }
-    previous = prefix->number;
-    result.append(text.substr(start + prefix->prefix_length, next - start - prefix->prefix_length));
+    stripped.append(text.substr(start + prefix->prefix_length, next - start - prefix->prefix_length));
     start = next;
   }
-  return result;
+  return previous.has_value();
+}
+
+std::string StripReadLineNumbers(std::string_view text) {
+  std::string stripped;
+  return TryStripReadLineNumbers(text, stripped) ? stripped : std::string(text);
 }
 
 }  // namespace brimo_stack::quay_tools_host::internal

@@ -40,4 +40,8 @@ struct ReadLinePrefix {
 // every line carries one and the numbers run on by one.
 [[nodiscard]] std::string StripReadLineNumbers(std::string_view text);
 
+// The same decision without a copy of an unchanged text: true with the stripped text in
+// `stripped` when every line carries a prefix, false when the text stays as it is.
+[[nodiscard]] bool TryStripReadLineNumbers(std::string_view text, std::string& stripped);
+
 }  // namespace brimo_stack::quay_tools_host::internal

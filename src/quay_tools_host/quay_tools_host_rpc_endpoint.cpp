@@ -20,9 +20,9 @@ JsonHostDispatchResult Continue(CommandResult result) {
 
 // Parse the params into a fresh record, then run the operation; a parse failure is the answer.
 template <typename Record, typename Operation>
-JsonHostDispatchResult Handle(const JsonHostRequest& request, Operation operation) {
+JsonHostDispatchResult Handle(JsonHostRequest& request, Operation operation) {
   Record record;
-  CommandResult parsed = ParseRequest(request.params, record);
+  CommandResult parsed = ParseRequest(std::move(request.params), record);
   if (!parsed.ok) {
     return Continue(std::move(parsed));
   }
@@ -34,10 +34,10 @@ JsonHostDispatchResult Handle(const JsonHostRequest& request, Operation operatio
 int32_t QuayToolsHostRpcEndpoint::RunLoop() {
   const local_runtime::JsonHostRunLoopOptions options{kRpcComponent, /*warn_on_invalid_json=*/true};
   return local_runtime::RunJsonHostLoop(*channel_, options,
-                                        [this](const JsonHostRequest& request) { return Dispatch(request); });
+                                        [this](JsonHostRequest& request) { return Dispatch(request); });
 }
 
-JsonHostDispatchResult QuayToolsHostRpcEndpoint::Dispatch(const JsonHostRequest& request) {
+JsonHostDispatchResult QuayToolsHostRpcEndpoint::Dispatch(JsonHostRequest& request) {
   FileCommandService& service = *service_;
   const std::string& method = request.method;
   if (method == "ping") {

@@ -16,7 +16,7 @@ class QuayToolsHostRpcEndpoint {
       : channel_(channel), service_(service) {}
 
   [[nodiscard]] int32_t RunLoop();
-  [[nodiscard]] local_runtime::JsonHostDispatchResult Dispatch(const local_runtime::JsonHostRequest& request);
+  [[nodiscard]] local_runtime::JsonHostDispatchResult Dispatch(local_runtime::JsonHostRequest& request);
 
  private:
   local_runtime::ipc::IJsonLineChannel* channel_;

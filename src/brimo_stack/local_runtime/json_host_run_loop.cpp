@@ -75,14 +75,17 @@ void LogDispatchException(std::string_view component, const char* kind) {
 
 }  // namespace
 
-JsonHostRequest ParseJsonHostRequest(const json& value) {
+JsonHostRequest ParseJsonHostRequest(json value) {
   JsonHostRequest request;
   if (value.is_null()) {
     return request;
   }
   request.method = value.value("method", std::string());
   request.sdk_call_id = value.value("sdk_call_id", std::string());
-  request.params = value.value("params", json::object());
+  // The value is an object by now; its params, up to a whole frame of content, move out uncopied.
+  if (const auto params = value.find("params"); params != value.end()) {
+    request.params = std::move(*params);
+  }
   return request;
 }
 
@@ -140,7 +143,7 @@ int32_t RunJsonHostLoop(ipc::IJsonLineChannel& channel, const JsonHostRunLoopOpt
     JsonHostRequest request;
     JsonHostDispatchResult dispatched;
     try {
-      request = ParseJsonHostRequest(read.value);
+      request = ParseJsonHostRequest(std::move(read.value));
       if (!dispatch) {
         throw std::bad_function_call();
       }

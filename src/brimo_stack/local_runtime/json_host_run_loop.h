@@ -31,11 +31,12 @@ struct JsonHostRunLoopOptions {
   bool warn_on_invalid_json = false;
 };
 
-using JsonHostDispatchFunction = std::function<JsonHostDispatchResult(const JsonHostRequest&)>;
+// The handler may take the params apart: the loop looks only at the method and call id after it.
+using JsonHostDispatchFunction = std::function<JsonHostDispatchResult(JsonHostRequest&)>;
 
 // Throws the JSON library's exception for a request that is neither an object nor null, or
 // whose keys have the wrong type.
-[[nodiscard]] JsonHostRequest ParseJsonHostRequest(const nlohmann::json& value);
+[[nodiscard]] JsonHostRequest ParseJsonHostRequest(nlohmann::json value);
 
 // The response envelope: ok, then error for a failure, then outputs when there are any.
 [[nodiscard]] nlohmann::json BuildResponseEnvelope(const CommandResult& result);

@@ -1,8 +1,12 @@
 // One JSON value per line over the host's standard streams.
 #include "brimo_stack/local_runtime/json_line_channel.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
+
+#include "brimo_stack/local_runtime/json_frame_parser.h"
+#include "brimo_stack_common/large_buffer.h"
 
 namespace brimo_stack::local_runtime::ipc {
 namespace {
@@ -57,6 +61,10 @@ CommandResult JsonLineChannel::ReadLine(std::string& line, bool& end_of_input, b
       too_large = true;
       return CommandResult::Success();
     }
+    if (const size_t needed = line.size() + before_newline; needed > line.capacity()) {
+      // Doubling keeps the copies of a long frame linear; a large block gets its memory advice.
+      ReserveLargeString(line, std::min(std::max(needed, 2 * line.capacity()), static_cast<size_t>(kMaxJsonTextBytes)));
+    }
     line.append(begin, before_newline);
     if (newline != nullptr) {
       read_begin_ += before_newline + 1;
@@ -88,8 +96,8 @@ CommandResult JsonLineChannel::ReadMessage(JsonHostReadResult& out) {
     out.status = JsonHostReadStatus::kTooLarge;
     return InternalFailure("request exceeds the 16 MiB IPC frame limit");
   }
-  nlohmann::json value = nlohmann::json::parse(line, nullptr, /*allow_exceptions=*/false, /*ignore_comments=*/false);
-  if (value.is_discarded()) {
+  nlohmann::json value;
+  if (!ParseJsonFrame(line, value)) {
     out.status = JsonHostReadStatus::kInvalidJson;
     return InternalFailure("invalid json request");
   }
