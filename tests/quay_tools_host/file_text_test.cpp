@@ -88,7 +88,14 @@ struct StripCase {
 
 class StripReadLineNumbersTest : public ::testing::TestWithParam<StripCase> {};
 
-TEST_P(StripReadLineNumbersTest, StripsAllOrNothing) { EXPECT_EQ(StripReadLineNumbers(GetParam().input), GetParam().expected); }
+TEST_P(StripReadLineNumbersTest, StripsAllOrNothing) {
+  EXPECT_EQ(StripReadLineNumbers(GetParam().input), GetParam().expected);
+  // The copy-free form agrees, and reports a change only when there is one.
+  std::string stripped = "stale";
+  const bool changed = TryStripReadLineNumbers(GetParam().input, stripped);
+  EXPECT_EQ(changed, GetParam().expected != GetParam().input);
+  EXPECT_EQ(changed ? stripped : GetParam().input, GetParam().expected);
+}
 
 INSTANTIATE_TEST_SUITE_P(
     Cases, StripReadLineNumbersTest,
@@ -99,7 +106,10 @@ INSTANTIATE_TEST_SUITE_P(
                       StripCase{"one_line_without_prefix", "     1\ta\nb\n", "     1\ta\nb\n"},
                       StripCase{"plain_text", "hello", "hello"},
                       StripCase{"wide_numbers", " 999999\ta\n1000000\tb\n", " 999999\ta\n1000000\tb\n"},
-                      StripCase{"six_to_seven_digits", "999999\ta\n1000000\tb\n", "a\nb\n"}),
+                      StripCase{"six_to_seven_digits", "999999\ta\n1000000\tb\n", "a\nb\n"},
+                      StripCase{"only_a_prefix", "     7\t", ""},
+                      StripCase{"tab_behind_a_terminator", "     1\n\tx", "     1\n\tx"},
+                      StripCase{"empty_line_between", "     1\ta\n\n     2\tb", "     1\ta\n\n     2\tb"}),
     [](const auto& info) { return std::string(info.param.name); });
 
 }  // namespace

@@ -3,11 +3,13 @@
 
 #include <gtest/gtest.h>
 
+#include <random>
 #include <string>
 
 namespace {
 
 using brimo_stack::quay_tools_host::internal::CountMatches;
+using brimo_stack::quay_tools_host::internal::FindExactText;
 using brimo_stack::quay_tools_host::internal::kEditableFileLimit;
 using brimo_stack::quay_tools_host::internal::ReplaceExactText;
 
@@ -88,6 +90,50 @@ TEST(ReplaceExactText, GrowthLimitIsExactAndCannotOverflow) {
 TEST(CountMatches, NeverOverlaps) {
   EXPECT_EQ(CountMatches("abababa", "aba"), 2u);
   EXPECT_EQ(CountMatches("", "a"), 0u);
+}
+
+// Random texts over two letters are dense with near matches, and their lengths put matches on
+// both sides of every sixteen-byte block edge; the library's find is the reference.
+TEST(FindExactText, AgreesWithTheLibraryFind) {
+  std::mt19937 random(20261123);
+  for (int round = 0; round < 3000; ++round) {
+    std::string text(random() % 80, 'a');
+    for (char& c : text) c = "ab"[random() % 2];
+    std::string needle(1 + random() % 7, 'a');
+    for (char& c : needle) c = "ab"[random() % 2];
+    const size_t from = random() % (text.size() + 2);
+    ASSERT_EQ(FindExactText(text, needle, from), std::string_view(text).find(needle, from))
+        << "text " << text << " needle " << needle << " from " << from;
+  }
+}
+
+// Every way of replacing everything (shrinking and equal in place, growing into a new text)
+// against a plain rebuild from the library's find.
+TEST(ReplaceExactText, ReplaceAllMatchesAPlainRebuild) {
+  std::mt19937 random(7);
+  for (int round = 0; round < 2000; ++round) {
+    std::string text(random() % 70, 'a');
+    for (char& c : text) c = "abc"[random() % 3];
+    std::string old_text(1 + random() % 3, 'a');
+    for (char& c : old_text) c = "ab"[random() % 2];
+    const std::string new_text(random() % 5, 'z');
+    std::string expected;
+    uint64_t expected_count = 0;
+    size_t copied = 0;
+    for (size_t at = text.find(old_text); at != std::string::npos; at = text.find(old_text, at + old_text.size())) {
+      expected += text.substr(copied, at - copied) + new_text;
+      copied = at + old_text.size();
+      ++expected_count;
+    }
+    expected += text.substr(copied);
+
+    std::string edited = text;
+    uint64_t replacements = 0;
+    const auto result = ReplaceExactText(edited, old_text, new_text, true, replacements);
+    ASSERT_EQ(result.ok, expected_count > 0) << text << " / " << old_text;
+    EXPECT_EQ(edited, expected_count > 0 ? expected : text) << text << " / " << old_text << " -> " << new_text;
+    EXPECT_EQ(replacements, expected_count);
+  }
 }
 
 }  // namespace

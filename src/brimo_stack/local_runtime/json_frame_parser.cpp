@@ -376,9 +376,17 @@ class FastJsonReader {
 
 }  // namespace
 
-bool ParseJsonFrame(std::string_view text, json& value) {
+bool ReadJsonFrameFast(std::string_view text, json& value) {
   value = nullptr;
   if (FastJsonReader(text).ReadDocument(value)) {
+    return true;
+  }
+  value = nullptr;
+  return false;
+}
+
+bool ParseJsonFrame(std::string_view text, json& value) {
+  if (ReadJsonFrameFast(text, value)) {
     return true;
   }
   value = json::parse(text.begin(), text.end(), nullptr, /*allow_exceptions=*/false, /*ignore_comments=*/false);
