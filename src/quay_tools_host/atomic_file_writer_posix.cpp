@@ -122,7 +122,7 @@ class TempFileWriter {
   }
 
  private:
-  static constexpr size_t kWritebackStepBytes = size_t{8} << 20;
+  static constexpr size_t kWritebackStepBytes = size_t{4} << 20;
   int fd_;
   uint64_t flushed_ = 0;
   size_t pending_ = 0;

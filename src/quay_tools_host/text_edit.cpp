@@ -10,6 +10,19 @@
 namespace brimo_stack::quay_tools_host::internal {
 namespace {
 
+// The bytes between the first and the last, which the vector filter has already compared.
+bool SameMiddle(const char* candidate, std::string_view needle) {
+  const size_t middle = needle.size() - 2;
+  if (middle > 16) {
+    return std::memcmp(candidate + 1, needle.data() + 1, middle) == 0;
+  }
+  // Short needles are the common case and cheaper compared here than through a library call.
+  for (size_t i = 1; i <= middle; ++i) {
+    if (candidate[i] != needle[i]) return false;
+  }
+  return true;
+}
+
 CommandResult NotFound() {
   return MakeFileMutationError(FileMutationErrorKind::kOldStringNotFound, "old_content not found");
 }
@@ -86,7 +99,7 @@ size_t FindExactText(std::string_view text, std::string_view needle, size_t from
                             reinterpret_cast<ByteVector>(LoadByteVector(data + at + length - 1) == last);
     for (uint32_t mask = LaneMask(hits); mask != 0; mask &= mask - 1) {
       const size_t start = at + static_cast<size_t>(__builtin_ctz(mask));
-      if (std::memcmp(data + start + 1, needle.data() + 1, length - 2) == 0) {
+      if (SameMiddle(data + start, needle)) {
         return start;
       }
     }

@@ -280,6 +280,9 @@ class FastJsonReader {
       }
       const auto byte = static_cast<unsigned char>(*at_);
       if (byte == '"') {
+        if (text.empty() && at_ - run >= static_cast<std::ptrdiff_t>(kLargeBufferBytes)) {
+          ReserveLargeString(text, static_cast<size_t>(at_ - run));
+        }
         text.append(run, at_);
         ++at_;
         return true;
