@@ -63,7 +63,8 @@ CommandResult JsonLineChannel::ReadLine(std::string& line, bool& end_of_input, b
     }
     if (const size_t needed = line.size() + before_newline; needed > line.capacity()) {
       // Doubling keeps the copies of a long frame linear; a large block gets its memory advice.
-      ReserveLargeString(line, std::min(std::max(needed, 2 * line.capacity()), static_cast<size_t>(kMaxJsonTextBytes)));
+      ReserveLargeString(line, std::min(std::max(needed, 2 * line.capacity()), static_cast<size_t>(kMaxJsonTextBytes)),
+                         needed);
     }
     line.append(begin, before_newline);
     if (newline != nullptr) {
