@@ -34,7 +34,8 @@ inline constexpr size_t kCopyBlockBytes = 65536;
 
 // As WriteTempAndReplace with the bytes of a regular local file.
 [[nodiscard]] bool CopyFileAtomically(const std::filesystem::path& local, const std::filesystem::path& target,
-                                      FileErrorKind kind, uint64_t& bytes_written, CommandResult& failure);
+                                      FileErrorKind kind, uint64_t& bytes_written, CommandResult& failure,
+                                      const std::filesystem::path& root = {});
 
 // Gives `temp` the target's permissions and moves it over the target (or into its place when
 // there is none). Every failure removes `temp`.

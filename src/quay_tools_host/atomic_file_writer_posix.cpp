@@ -398,7 +398,7 @@ bool WriteTempAndReplace(const std::filesystem::path& temp, const std::filesyste
 }
 
 bool CopyFileAtomically(const std::filesystem::path& local, const std::filesystem::path& target, FileErrorKind kind,
-                        uint64_t& bytes_written, CommandResult& failure) {
+                        uint64_t& bytes_written, CommandResult& failure, const std::filesystem::path& root) {
   bytes_written = 0;
   const std::filesystem::path temp = MakeTempSiblingPath(target);
   UniqueFd source;
@@ -407,7 +407,7 @@ bool CopyFileAtomically(const std::filesystem::path& local, const std::filesyste
     return false;
   }
   WriteDirectory directory;
-  if (!OpenTargetDirectory(target, {}, kind, directory, failure)) {
+  if (!OpenTargetDirectory(target, root, kind, directory, failure)) {
     return false;
   }
   const std::string temp_name = NameOf(temp);

@@ -101,6 +101,18 @@ CommandResult CheckExportPathComponents(const std::filesystem::path& export_dire
   return CommandResult::Success();
 }
 
+CommandResult ResolveExportRoot(std::string_view install_dir, std::filesystem::path& root) {
+  CommandResult resolved = local_runtime::ResolveToolOutputsRoot(root, install_dir);
+  if (!resolved.ok) {
+    return resolved;
+  }
+  root = NormalizeFilePath(root, /*force_long=*/false);
+  if (root.empty()) {
+    return MakeFileError(kKind, kCategoryInternal, 0, "trusted export root resolved to an empty path");
+  }
+  return CommandResult::Success();
+}
+
 CommandResult ResolveExportTarget(std::string_view export_path, std::string_view install_dir,
                                   std::filesystem::path& target, std::filesystem::path& export_directory) {
   target.clear();
@@ -121,13 +133,9 @@ CommandResult ResolveExportTarget(std::string_view export_path, std::string_view
   export_directory = target.parent_path();
 
   std::filesystem::path root;
-  CommandResult resolved = local_runtime::ResolveToolOutputsRoot(root, install_dir);
+  CommandResult resolved = ResolveExportRoot(install_dir, root);
   if (!resolved.ok) {
     return resolved;
-  }
-  root = NormalizeFilePath(root, /*force_long=*/false);
-  if (root.empty()) {
-    return MakeFileError(kKind, kCategoryInternal, 0, "trusted export root resolved to an empty path");
   }
   // The root is a valid export directory; the root as the target is not.
   if (!target.has_filename() || !IsPathInsideRoot(export_directory, root)) {

@@ -16,6 +16,9 @@ namespace brimo_stack::quay_tools_host::internal {
                                                 std::filesystem::path& target,
                                                 std::filesystem::path& export_directory);
 
+// The tools output root of `install_dir`, normalised: every export lands below it.
+[[nodiscard]] CommandResult ResolveExportRoot(std::string_view install_dir, std::filesystem::path& root);
+
 // Every existing path from `root` down to `export_directory` must be a directory and no link.
 [[nodiscard]] CommandResult CheckExportPathComponents(const std::filesystem::path& export_directory,
                                                       const std::filesystem::path& root);
