@@ -184,6 +184,11 @@ CommandResult ReadValidatedUtf8File(const std::filesystem::path& path, std::stri
   text.clear();
   ReserveLargeString(text, static_cast<size_t>(size));
   std::string block(kFileBlockSize, '\0');
+  // Each block is checked while it is still in the cache; a sequence cut by a block's end waits
+  // for the next. The verdict comes after the whole read, so a file that also grows too large
+  // gets the same error as with one check at the end.
+  size_t checked = 0;
+  bool valid = true;
   while (true) {
     uint64_t got = 0;
     // A raw read reports its errno, so the stream's "without a system error" case can't arise.
@@ -192,8 +197,13 @@ CommandResult ReadValidatedUtf8File(const std::filesystem::path& path, std::stri
     if (got == 0) break;
     if (text.size() + got > limit) return EditableTooLarge(limit, path);
     text.append(block.data(), static_cast<size_t>(got));
+    if (valid) {
+      const size_t complete = CompleteUtf8Prefix(text);
+      valid = IsValidUtf8(std::string_view(text).substr(checked, complete - checked));
+      checked = complete;
+    }
   }
-  if (!IsValidUtf8(text)) {
+  if (!valid || !IsValidUtf8(std::string_view(text).substr(checked))) {
     return CommandResult::Failure(kCategoryRefused, 0, "UNSUPPORTED_ENCODING: file is not valid UTF-8: " + PathToUtf8(path));
   }
   return CommandResult::Success();

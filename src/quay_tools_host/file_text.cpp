@@ -17,6 +17,18 @@ int Utf8SequenceLength(unsigned char lead_byte) {
   return 0;
 }
 
+size_t CompleteUtf8Prefix(std::string_view bytes) {
+  // The last lead byte, if it stands within the last three bytes, may want more than is there.
+  for (size_t back = 1; back <= 3 && back <= bytes.size(); ++back) {
+    const auto byte = static_cast<unsigned char>(bytes[bytes.size() - back]);
+    if ((byte & 0xC0) != 0x80) {
+      const int length = Utf8SequenceLength(byte);
+      return length > static_cast<int>(back) ? bytes.size() - back : bytes.size();
+    }
+  }
+  return bytes.size();
+}
+
 bool IsValidUtf8(std::string_view bytes) {
   const auto* p = reinterpret_cast<const unsigned char*>(bytes.data());
   const size_t n = bytes.size();

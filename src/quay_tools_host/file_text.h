@@ -15,6 +15,10 @@ namespace brimo_stack::quay_tools_host::internal {
 // 1 to 4 by the lead byte (0xC2-0xDF, 0xE0-0xEF, 0xF0-0xF4 for the longer forms), 0 otherwise.
 [[nodiscard]] int Utf8SequenceLength(unsigned char lead_byte);
 
+// Length of `bytes` without a multi-byte sequence that its end cuts short, so that the rest can
+// be checked once more bytes have come.
+[[nodiscard]] size_t CompleteUtf8Prefix(std::string_view bytes);
+
 // Bytes one input byte takes inside a JSON string: 2 for the short escapes, 6 for other
 // control characters, 1 otherwise.
 [[nodiscard]] constexpr uint64_t JsonEscapedByteCost(unsigned char byte) {

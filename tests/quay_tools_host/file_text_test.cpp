@@ -1,7 +1,9 @@
 // Strict UTF-8, escaping costs and the read-line prefix, case by case.
 #include <gtest/gtest.h>
 
+#include "quay_tools_host/file_read_primitives.h"
 #include "quay_tools_host/file_text.h"
+#include "support/temp_dir.h"
 
 namespace brimo_stack::quay_tools_host::internal {
 namespace {
@@ -27,6 +29,37 @@ INSTANTIATE_TEST_SUITE_P(
                       Utf8Case{"lone_continuation", "a\x80", false}, Utf8Case{"cut_off", "a\xE2\x82", false},
                       Utf8Case{"bad_continuation", "\xE2\x28\xA1", false}, Utf8Case{"byte_ff", "\xFF", false}),
     [](const auto& info) { return std::string(info.param.name); });
+
+// The whole-file load checks each block as it comes; sequences cut by a block's end, valid or
+// not, must get the verdict of one check over the whole text.
+TEST(ReadValidatedUtf8FileTest, SequencesAcrossBlockEndsAreJudgedWhole) {
+  const quay_test::TempDir dir;
+  const std::string sequences[] = {"\xC3\xA9", "\xE2\x82\xAC", "\xF0\x9F\x98\x80", "\xE2\x82", "\xF0\x9F\x98",
+                                   "\xE2\x28\xA1", "\xED\xA0\x80", "\x80\x80"};
+  for (const std::string& sequence : sequences) {
+    for (size_t before = kFileBlockSize - 4; before <= kFileBlockSize; ++before) {
+      const std::string content = std::string(before, 'a') + sequence + "tail";
+      const auto path = dir.WriteFile("f.txt", content);
+      std::string text;
+      const auto result = ReadValidatedUtf8File(path, text, 1 << 20);
+      ASSERT_EQ(result.ok, IsValidUtf8(content)) << testing::PrintToString(sequence) << " after " << before;
+      if (result.ok) {
+        EXPECT_EQ(text, content);
+      } else {
+        EXPECT_EQ(result.error->message, "UNSUPPORTED_ENCODING: file is not valid UTF-8: " + path.string());
+      }
+    }
+  }
+}
+
+TEST(CompleteUtf8PrefixTest, HoldsBackOnlyACutSequence) {
+  const std::pair<std::string, size_t> cases[] = {{"", 0}, {"ab", 2}, {"a\xC3", 1}, {"a\xC3\xA9", 3},
+                                                  {"a\xE2\x82", 1}, {"a\xF0\x9F\x98", 1}, {"\xF0\x9F\x98\x80", 4},
+                                                  {"a\xFF", 2}, {"a\x80\x80\x80", 4}};
+  for (const auto& [bytes, complete] : cases) {
+    EXPECT_EQ(CompleteUtf8Prefix(bytes), complete) << testing::PrintToString(bytes);
+  }
+}
 
 TEST(Utf8SequenceLengthTest, FollowsTheLeadByteRanges) {
   const std::pair<unsigned, int> cases[] = {{0x00, 1}, {0x7F, 1}, {0x80, 0}, {0xBF, 0}, {0xC0, 0}, {0xC1, 0},
