@@ -66,7 +66,8 @@ class FileExport : public testing::Test {
   // The child's TMPDIR replaces an inherited one, so the export root lies in this test's directory.
   HostProcess& Host(const std::string& install_dir = "") {
     if (!host_.has_value()) {
-      host_.emplace(HostProcess::WithConfig(quay_test::DefaultLaunchConfig(), {"TMPDIR=" + layout_.tmp.native()}));
+      host_.emplace(std::vector<std::string>{"--brimo-stack-host-config", quay_test::DefaultLaunchConfig()},
+                    std::vector<std::string>{"TMPDIR=" + layout_.tmp.native()});
       const json initialized =
           host_->Call({{"method", "internal:initialize"}, {"params", {{"install_dir", install_dir}}}});
       EXPECT_EQ(initialized.value("ok", false), true) << initialized.dump();
