@@ -12,11 +12,7 @@
 namespace {
 
 namespace fs = std::filesystem;
-using brimo_stack::quay_tools_host::internal::CheckWritePathComponents;
-using brimo_stack::quay_tools_host::internal::EnsureParentDirectories;
-using brimo_stack::quay_tools_host::internal::EnsureWritePathParents;
-using brimo_stack::quay_tools_host::internal::InspectDirectoryComponent;
-using brimo_stack::quay_tools_host::internal::ListPathsFromTop;
+using namespace brimo_stack::quay_tools_host::internal;
 
 TEST(ListPathsFromTop, StopsAtRootOrTheTop) {
   EXPECT_EQ(ListPathsFromTop("/a/b/c", "/a"), (std::vector<fs::path>{"/a", "/a/b", "/a/b/c"}));
