@@ -4,32 +4,26 @@
 
 #include <filesystem>
 
-#include "support/host_process.h"
-#include "support/temp_dir.h"
+#include "support/host_command_fixture.h"
 
 namespace {
 
 namespace fs = std::filesystem;
 using nlohmann::json;
-using quay_test::HostProcess;
 using quay_test::ReadWholeFile;
 
-class FileEditE2eTest : public ::testing::Test {
+class FileEditE2eTest : public quay_test::HostCommandTest {
  protected:
-  json Edit(json params) {
+  // The edit of `path_` unless the params name another path.
+  json WithPath(json params) const {
     params["path"] = params.value("path", path_);
-    return host_.Call({{"method", "file_edit"}, {"params", std::move(params)}});
+    return params;
   }
   uint64_t Replacements(json params) {
-    const json answer = Edit(std::move(params));
-    EXPECT_TRUE(answer.value("ok", false)) << answer.dump();
-    return answer.value("ok", false) ? answer["outputs"][0]["data"].value("replacements", 0u) : 0u;
+    return Data("file_edit", WithPath(std::move(params))).value("replacements", uint64_t{0});
   }
 
-  quay_test::TempDir dir_;
-  fs::path root_ = fs::canonical(dir_.path());
-  std::string path_ = (root_ / "f.txt").string();
-  HostProcess host_ = HostProcess::WithConfig();
+  std::string path_ = P("f.txt");
 };
 
 TEST_F(FileEditE2eTest, ReadFormOnEitherSideLosesItsNumbers) {
@@ -87,17 +81,11 @@ TEST_F(FileEditE2eTest, EveryRefusalHasItsMessageAndLeavesTheFileAlone) {
        "PERMISSION_DENIED: FILE_ACCESS_DENIED: target file is read-only"},
   };
   for (const Row& row : rows) {
-    const json answer = Edit(row.params);
-    EXPECT_FALSE(answer.value("ok", true)) << answer.dump();
-    EXPECT_EQ(answer["error"].value("category", -1), 7) << answer.dump();
-    EXPECT_EQ(answer["error"].value("code", -1), row.code) << answer.dump();
-    EXPECT_EQ(answer["error"].value("message", ""), row.message);
+    EXPECT_EQ(Refusal("file_edit", WithPath(row.params), 7, row.code), row.message) << row.params.dump();
   }
   EXPECT_EQ(ReadWholeFile(path_), "dup dup");
   EXPECT_EQ(ReadWholeFile(root_ / "ro.txt"), "dup");
-  for (const auto& entry : fs::directory_iterator(root_)) {
-    EXPECT_EQ(entry.path().filename().string().find(".brimo_stack_tmp_"), std::string::npos) << entry.path();
-  }
+  EXPECT_TRUE(quay_test::TempSiblingsIn(root_).empty());
 }
 
 }  // namespace

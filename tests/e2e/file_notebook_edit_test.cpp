@@ -5,14 +5,12 @@
 #include <filesystem>
 #include <vector>
 
-#include "support/host_process.h"
-#include "support/temp_dir.h"
+#include "support/host_command_fixture.h"
 
 namespace {
 
 namespace fs = std::filesystem;
 using nlohmann::json;
-using quay_test::HostProcess;
 using quay_test::ReadWholeFile;
 
 constexpr const char* kSystemPython = "/usr/bin/python3";
@@ -32,7 +30,7 @@ int ValidateNotebooks(const std::vector<fs::path>& paths) {
   return std::system((command + " 2>&1").c_str());
 }
 
-class FileNotebookEditE2eTest : public ::testing::Test {
+class FileNotebookEditE2eTest : public quay_test::HostCommandTest {
  protected:
   void SetUp() override {
     if (!HaveValidator()) {
@@ -42,13 +40,11 @@ class FileNotebookEditE2eTest : public ::testing::Test {
   }
   json Edit(json params) {
     params["path"] = path_.string();
-    const json answer = host_.Call({{"method", "file_notebook_edit"}, {"params", std::move(params)}});
-    EXPECT_TRUE(answer.value("ok", false)) << answer.dump();
+    const json data = Data("file_notebook_edit", std::move(params));
     // Each result is kept and proved at the end of the test.
-    const fs::path kept = path_.parent_path() / ("after_" + std::to_string(results_.size()) + ".ipynb");
-    fs::copy_file(path_, kept);
-    results_.push_back(kept);
-    return answer.value("ok", false) ? answer["outputs"][0]["data"] : json();
+    results_.push_back(root_ / ("after_" + std::to_string(results_.size()) + ".ipynb"));
+    fs::copy_file(path_, results_.back());
+    return data;
   }
   json Cells() { return json::parse(ReadWholeFile(path_))["cells"]; }
   void TearDown() override {
@@ -58,9 +54,7 @@ class FileNotebookEditE2eTest : public ::testing::Test {
   }
 
   std::vector<fs::path> results_;
-  quay_test::TempDir dir_;
-  fs::path path_ = fs::canonical(dir_.path()) / "nb.ipynb";
-  HostProcess host_ = HostProcess::WithConfig();
+  fs::path path_ = root_ / "nb.ipynb";
 };
 
 TEST_F(FileNotebookEditE2eTest, EveryModeLeavesAValidNotebook) {
@@ -113,15 +107,11 @@ TEST_F(FileNotebookEditE2eTest, RefusalsLeaveTheFileAlone) {
   for (const auto& row : rows) {
     json params = row.params;
     params["path"] = path_.string();
-    const json answer = host_.Call({{"method", "file_notebook_edit"}, {"params", params}});
-    EXPECT_EQ(answer["error"].value("code", -1), row.code) << answer.dump();
-    EXPECT_EQ(answer["error"].value("message", ""), row.message);
+    EXPECT_EQ(Refusal("file_notebook_edit", params, 7, row.code), row.message);
   }
   dir_.WriteFile("list.ipynb", "[]");
-  const json not_object = host_.Call({{"method", "file_notebook_edit"},
-                                      {"params", {{"path", (path_.parent_path() / "list.ipynb").string()},
-                                                  {"cell_id", "a"}, {"new_source", ""}}}});
-  EXPECT_EQ(not_object["error"].value("message", ""), "INVALID_NOTEBOOK_JSON: failed to parse notebook JSON");
+  EXPECT_EQ(Refusal("file_notebook_edit", {{"path", P("list.ipynb")}, {"cell_id", "a"}, {"new_source", ""}}, 7, 1),
+            "INVALID_NOTEBOOK_JSON: failed to parse notebook JSON");
   EXPECT_EQ(ReadWholeFile(path_), original);
 }
 

@@ -11,34 +11,21 @@
 #include <set>
 #include <thread>
 
-#include "support/host_process.h"
-#include "support/temp_dir.h"
+#include "support/host_command_fixture.h"
 
 namespace {
 
 namespace fs = std::filesystem;
 using nlohmann::json;
-using quay_test::HostProcess;
-
-json ReadRequest(json params) { return {{"method", "file_read"}, {"params", std::move(params)}}; }
 
 std::string ContentOf(const json& answer) { return answer.at("outputs").at(0).at("data").at("content"); }
 
-class FileReadE2eTest : public ::testing::Test {
+class FileReadE2eTest : public quay_test::HostCommandTest {
  protected:
-  json Read(json params) { return host_.Call(ReadRequest(std::move(params))); }
-  // Expects a refusal and answers its message.
+  json Read(json params) { return Call("file_read", std::move(params)); }
   std::string Refusal(json params, int category, int code) {
-    const json answer = Read(std::move(params));
-    EXPECT_FALSE(answer.value("ok", true)) << answer.dump();
-    EXPECT_EQ(answer["error"].value("category", -1), category) << answer.dump();
-    EXPECT_EQ(answer["error"].value("code", -1), code) << answer.dump();
-    return answer["error"].value("message", std::string());
+    return HostCommandTest::Refusal("file_read", std::move(params), category, code);
   }
-
-  quay_test::TempDir dir_;
-  fs::path root_ = fs::canonical(dir_.path());
-  HostProcess host_ = HostProcess::WithConfig();
 };
 
 TEST_F(FileReadE2eTest, AnswersNumberedLines) {

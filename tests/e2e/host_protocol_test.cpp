@@ -85,6 +85,10 @@ INSTANTIATE_TEST_SUITE_P(
                     {R"({"error":{"category":7,"code":1,"message":"invalid request params: [json.exception.type_error.306] cannot use value() with array"},"ok":false})",
                      R"({"ok":true})"},
                     0},
+        SessionCase{"WrongParamTypeGoesOn", "{\"method\":\"file_read\",\"params\":{\"path\":1}}\n{\"method\":\"ping\"}\n",
+                    {R"({"error":{"category":7,"code":1,"message":"invalid request params: [json.exception.type_error.302] type must be string, but is number"},"ok":false})",
+                     R"({"ok":true})"},
+                    0},
         SessionCase{"InitializeWithoutParams", "{\"method\":\"internal:initialize\"}\n", {R"({"ok":true})"}, 0},
         SessionCase{"MissingRgIsRefused",
                     "{\"method\":\"internal:initialize\",\"params\":{\"rg_executable\":\"relative/rg\"}}\n",
@@ -150,14 +154,6 @@ TEST(HostExit, ReadFailureEndsWithTwo) {
   HostProcess host({"--brimo-stack-host-config", quay_test::DefaultLaunchConfig()}, {}, "/");
   ExpectExit(host.Wait(), 2);
   EXPECT_EQ(host.ReadRemainingStdout(), "");
-}
-
-TEST(HostExit, EndOfInputAfterAnswersIsZeroWithoutShutdown) {
-  HostProcess host = HostProcess::WithConfig();
-  EXPECT_EQ(host.Call({{"method", "ping"}}).dump(), R"({"ok":true})");
-  EXPECT_EQ(host.Call({{"method", "file_read"}, {"params", {{"path", 1}}}}).dump(),
-            R"({"error":{"category":7,"code":1,"message":"invalid request params: [json.exception.type_error.302] type must be string, but is number"},"ok":false})");
-  ExpectExit(FinishAndWait(host), 0);
 }
 
 }  // namespace

@@ -17,17 +17,7 @@ namespace fs = std::filesystem;
 using namespace brimo_stack::quay_tools_host::internal;
 using brimo_stack::CommandResult;
 using quay_test::ReadWholeFile;
-
-// Names in the directory that look like a temporary sibling.
-std::vector<std::string> Leftovers(const fs::path& dir) {
-  std::vector<std::string> found;
-  for (const auto& entry : fs::directory_iterator(dir)) {
-    if (entry.path().filename().string().find(".brimo_stack_tmp_") != std::string::npos) {
-      found.push_back(entry.path().filename().string());
-    }
-  }
-  return found;
-}
+using quay_test::TempSiblingsIn;
 
 mode_t ModeOf(const fs::path& path) {
   struct stat info {};
@@ -49,21 +39,25 @@ TEST(MakeTempSiblingPath, AppendsMarkerRandomAndClockToTheFullName) {
   EXPECT_NE(MakeUniqueToken(), MakeUniqueToken());
 }
 
-TEST(WriteFileAtomically, CreatesParentsAndAnEmptyFileWithTheUsualMode) {
-  quay_test::TempDir dir;
-  const fs::path target = dir.path() / "x/y/new.txt";
-  CommandResult failure;
-  ASSERT_TRUE(WriteFileAtomically(target, "", failure)) << failure.error->message;
+class AtomicWriter : public ::testing::Test {
+ protected:
+  quay_test::TempDir dir_;
+  CommandResult failure_;
+  uint64_t written_ = 0;
+};
+
+TEST_F(AtomicWriter, CreatesParentsAndAnEmptyFileWithTheUsualMode) {
+  const fs::path target = dir_.path() / "x/y/new.txt";
+  ASSERT_TRUE(WriteFileAtomically(target, "", failure_)) << failure_.error->message;
   EXPECT_EQ(ReadWholeFile(target), "");
   const mode_t mask = ::umask(022);
   ::umask(mask);
   EXPECT_EQ(ModeOf(target), 0666 & ~mask);
-  EXPECT_TRUE(Leftovers(target.parent_path()).empty());
+  EXPECT_TRUE(TempSiblingsIn(target.parent_path()).empty());
 }
 
-TEST(WriteFileAtomically, ReplacementKeepsModeAndAccessAcl) {
-  quay_test::TempDir dir;
-  const fs::path target = dir.WriteFile("keep.txt", "old");
+TEST_F(AtomicWriter, ReplacementKeepsModeAndAccessAcl) {
+  const fs::path target = dir_.WriteFile("keep.txt", "old");
   ASSERT_EQ(::chmod(target.c_str(), 0640), 0);
   // A version-2 access ACL: owner rw, user 65534 r, group r, mask r, other none.
   const unsigned char acl[] = {2, 0, 0, 0,                                //
@@ -76,8 +70,7 @@ TEST(WriteFileAtomically, ReplacementKeepsModeAndAccessAcl) {
     GTEST_SKIP() << "no POSIX ACLs on this file system: " << std::strerror(errno);
   }
   const mode_t mode_with_acl = ModeOf(target);
-  CommandResult failure;
-  ASSERT_TRUE(WriteFileAtomically(target, "new", failure)) << failure.error->message;
+  ASSERT_TRUE(WriteFileAtomically(target, "new", failure_)) << failure_.error->message;
   EXPECT_EQ(ReadWholeFile(target), "new");
   EXPECT_EQ(ModeOf(target), mode_with_acl);
   std::vector<unsigned char> copied(128);
@@ -86,56 +79,44 @@ TEST(WriteFileAtomically, ReplacementKeepsModeAndAccessAcl) {
   EXPECT_EQ(std::memcmp(copied.data(), acl, sizeof(acl)), 0);
 }
 
-TEST(WriteFileAtomically, ReadOnlyTargetIsRefusedAndLeavesNothingBehind) {
-  quay_test::TempDir dir;
-  const fs::path target = dir.WriteFile("ro.txt", "old");
-  ASSERT_EQ(::chmod(target.c_str(), 0444), 0);
-  CommandResult failure;
-  ASSERT_FALSE(WriteFileAtomically(target, "new", failure));
-  EXPECT_EQ(failure.error->message, "FILE_ACCESS_DENIED: target file is read-only");
-  EXPECT_EQ(failure.error->category, 6);
-  EXPECT_EQ(failure.error->code, EACCES);
-  EXPECT_EQ(ReadWholeFile(target), "old");
-  EXPECT_TRUE(Leftovers(dir.path()).empty());
+TEST_F(AtomicWriter, ReadOnlyOrDirectoryTargetIsRefusedAndLeavesNothingBehind) {
+  const fs::path read_only = dir_.WriteFile("ro.txt", "old");
+  ASSERT_EQ(::chmod(read_only.c_str(), 0444), 0);
+  ASSERT_FALSE(WriteFileAtomically(read_only, "new", failure_));
+  EXPECT_EQ(failure_.error->message, "FILE_ACCESS_DENIED: target file is read-only");
+  EXPECT_EQ(failure_.error->category, 6);
+  EXPECT_EQ(failure_.error->code, EACCES);
+  EXPECT_EQ(ReadWholeFile(read_only), "old");
+
+  fs::create_directory(dir_.path() / "d");
+  ASSERT_FALSE(WriteFileAtomically(dir_.path() / "d", "x", failure_));
+  EXPECT_EQ(failure_.error->message, "WRITE_FILE_FAILED: atomically replace file failed: Is a directory");
+  EXPECT_TRUE(fs::is_directory(dir_.path() / "d"));
+  EXPECT_TRUE(TempSiblingsIn(dir_.path()).empty());
 }
 
-TEST(WriteFileAtomically, DirectoryTargetFailsAtTheRename) {
-  quay_test::TempDir dir;
-  fs::create_directory(dir.path() / "d");
-  CommandResult failure;
-  ASSERT_FALSE(WriteFileAtomically(dir.path() / "d", "x", failure));
-  EXPECT_EQ(failure.error->message, "WRITE_FILE_FAILED: atomically replace file failed: Is a directory");
-  EXPECT_TRUE(fs::is_directory(dir.path() / "d"));
-  EXPECT_TRUE(Leftovers(dir.path()).empty());
-}
-
-TEST(WriteFileAtomically, LinkAtTheTargetOrOnTheWayIsRefused) {
-  quay_test::TempDir dir;
-  const fs::path outside = dir.WriteFile("outside/secret", "s");
-  fs::create_symlink(outside, dir.path() / "to_file");
-  fs::create_directory_symlink(outside.parent_path(), dir.path() / "to_dir");
-  for (const fs::path& target : {dir.path() / "to_file", dir.path() / "to_dir/secret"}) {
-    CommandResult failure;
-    ASSERT_FALSE(WriteFileAtomically(target, "pwned", failure)) << target;
-    EXPECT_TRUE(failure.error->message.starts_with("INVALID_FILE_PATH: write path contains a reparse point: "));
+TEST_F(AtomicWriter, LinkAtTheTargetOrOnTheWayIsRefused) {
+  const fs::path outside = dir_.WriteFile("outside/secret", "s");
+  fs::create_symlink(outside, dir_.path() / "to_file");
+  fs::create_directory_symlink(outside.parent_path(), dir_.path() / "to_dir");
+  for (const fs::path& target : {dir_.path() / "to_file", dir_.path() / "to_dir/secret"}) {
+    ASSERT_FALSE(WriteFileAtomically(target, "pwned", failure_)) << target;
+    EXPECT_TRUE(failure_.error->message.starts_with("INVALID_FILE_PATH: write path contains a reparse point: "));
   }
   EXPECT_EQ(ReadWholeFile(outside), "s");
 }
 
-TEST(WriteTempAndReplace, ExistingTemporaryNameIsNeverOverwritten) {
-  quay_test::TempDir dir;
-  const fs::path squatter = dir.WriteFile("t.txt.brimo_stack_tmp_1_1", "mine");
-  CommandResult failure;
-  ASSERT_FALSE(WriteTempAndReplace(squatter, dir.path() / "t.txt", "x", failure));
-  EXPECT_EQ(failure.error->message, "WRITE_FILE_FAILED: create temporary file failed: File exists");
+TEST_F(AtomicWriter, ExistingTemporaryNameIsNeverOverwritten) {
+  const fs::path squatter = dir_.WriteFile("t.txt.brimo_stack_tmp_1_1", "mine");
+  ASSERT_FALSE(WriteTempAndReplace(squatter, dir_.path() / "t.txt", "x", failure_));
+  EXPECT_EQ(failure_.error->message, "WRITE_FILE_FAILED: create temporary file failed: File exists");
   EXPECT_EQ(ReadWholeFile(squatter), "mine");
-  EXPECT_FALSE(fs::exists(dir.path() / "t.txt"));
+  EXPECT_FALSE(fs::exists(dir_.path() / "t.txt"));
 }
 
-TEST(MoveFileWithRetry, CreateModeRefusesAnExistingTarget) {
-  quay_test::TempDir dir;
-  const fs::path temp = dir.WriteFile("a", "new");
-  const fs::path target = dir.WriteFile("b", "old");
+TEST_F(AtomicWriter, MoveInCreateModeRefusesAnExistingTarget) {
+  const fs::path temp = dir_.WriteFile("a", "new");
+  const fs::path target = dir_.WriteFile("b", "old");
   int error = 0;
   EXPECT_FALSE(MoveFileWithRetry(temp, target, MoveFileMode::kCreate, error));
   EXPECT_EQ(error, EEXIST);
@@ -143,71 +124,49 @@ TEST(MoveFileWithRetry, CreateModeRefusesAnExistingTarget) {
   EXPECT_EQ(ReadWholeFile(target), "new");
 }
 
-TEST(CopyFileAtomically, CopyOntoItselfKeepsTheContent) {
-  quay_test::TempDir dir;
-  const fs::path file = dir.WriteFile("same.bin", std::string(200000, 'q'));
-  uint64_t written = 0;
-  CommandResult failure;
-  ASSERT_TRUE(CopyFileAtomically(file, file, FileErrorKind::kWriteFileFailed, written, failure));
-  EXPECT_EQ(written, 200000u);
+TEST_F(AtomicWriter, CopyOntoItselfKeepsTheContent) {
+  // Several copy blocks, so that a copy that truncated its source first would lose them.
+  const fs::path file = dir_.WriteFile("same.bin", std::string(200000, 'q'));
+  ASSERT_TRUE(CopyFileAtomically(file, file, FileErrorKind::kWriteFileFailed, written_, failure_));
+  EXPECT_EQ(written_, 200000u);
   EXPECT_EQ(ReadWholeFile(file), std::string(200000, 'q'));
-  EXPECT_TRUE(Leftovers(dir.path()).empty());
+  EXPECT_TRUE(TempSiblingsIn(dir_.path()).empty());
 }
 
-TEST(CopyFileAtomically, SourceThatIsALinkOrADirectoryIsRefused) {
-  quay_test::TempDir dir;
-  const fs::path real = dir.WriteFile("real", "r");
-  fs::create_symlink(real, dir.path() / "link");
-  fs::create_directory(dir.path() / "dir");
-  for (const fs::path& source : {dir.path() / "link", dir.path() / "dir"}) {
-    uint64_t written = 0;
-    CommandResult failure;
-    ASSERT_FALSE(CopyFileAtomically(source, dir.path() / "out", FileErrorKind::kExportFileFailed, written, failure));
-    EXPECT_EQ(failure.error->message, "EXPORT_FILE_FAILED: local_path must be a regular non-reparse file");
+TEST_F(AtomicWriter, CopySourceThatIsALinkOrADirectoryIsRefused) {
+  const fs::path real = dir_.WriteFile("real", "r");
+  fs::create_symlink(real, dir_.path() / "link");
+  fs::create_directory(dir_.path() / "dir");
+  for (const fs::path& source : {dir_.path() / "link", dir_.path() / "dir"}) {
+    ASSERT_FALSE(CopyFileAtomically(source, dir_.path() / "out", FileErrorKind::kExportFileFailed, written_, failure_));
+    EXPECT_EQ(failure_.error->message, "EXPORT_FILE_FAILED: local_path must be a regular non-reparse file");
   }
-  EXPECT_FALSE(fs::exists(dir.path() / "out"));
-  EXPECT_TRUE(Leftovers(dir.path()).empty());
+  EXPECT_FALSE(fs::exists(dir_.path() / "out"));
+  EXPECT_TRUE(TempSiblingsIn(dir_.path()).empty());
 }
 
-TEST(AppendBytesToFile, CreatesAndGrows) {
-  quay_test::TempDir dir;
-  const fs::path target = dir.path() / "log.txt";
-  uint64_t written = 0;
-  CommandResult failure;
-  ASSERT_TRUE(AppendBytesToFile(target, "a\n", written, failure));
-  ASSERT_TRUE(AppendBytesToFile(target, "b\n", written, failure));
-  EXPECT_EQ(written, 2u);
-  EXPECT_EQ(ReadWholeFile(target), "a\nb\n");
-}
-
-TEST(AppendBytesToFile, NonRegularTargetsAreRefused) {
-  quay_test::TempDir dir;
-  const fs::path real = dir.WriteFile("real", "r");
-  fs::create_symlink(real, dir.path() / "link");
-  fs::create_directory(dir.path() / "dir");
-  ASSERT_EQ(::mkfifo((dir.path() / "fifo").c_str(), 0600), 0);
+TEST_F(AtomicWriter, AppendToANonRegularTargetIsRefused) {
+  const fs::path real = dir_.WriteFile("real", "r");
+  fs::create_symlink(real, dir_.path() / "link");
+  fs::create_directory(dir_.path() / "dir");
+  ASSERT_EQ(::mkfifo((dir_.path() / "fifo").c_str(), 0600), 0);
   for (const char* name : {"link", "dir", "fifo"}) {
-    uint64_t written = 0;
-    CommandResult failure;
-    ASSERT_FALSE(AppendBytesToFile(dir.path() / name, "x", written, failure)) << name;
-    EXPECT_EQ(failure.error->message, "WRITE_FILE_FAILED: append target must be a regular non-reparse file") << name;
+    ASSERT_FALSE(AppendBytesToFile(dir_.path() / name, "x", written_, failure_)) << name;
+    EXPECT_EQ(failure_.error->message, "WRITE_FILE_FAILED: append target must be a regular non-reparse file") << name;
   }
   EXPECT_EQ(ReadWholeFile(real), "r");
 }
 
-TEST(AppendFileToFile, SameFileThroughAHardLinkIsRefusedBeforeAnyByteMoves) {
-  quay_test::TempDir dir;
-  const fs::path file = dir.WriteFile("one", "data");
-  fs::create_hard_link(file, dir.path() / "two");
-  uint64_t written = 0;
-  CommandResult failure;
-  ASSERT_FALSE(AppendFileToFile(dir.path() / "two", file, written, failure));
-  EXPECT_EQ(failure.error->message, "WRITE_FILE_FAILED: local_path and append target must be different files");
+TEST_F(AtomicWriter, AppendOfTheSameFileThroughAHardLinkIsRefusedBeforeAnyByteMoves) {
+  const fs::path file = dir_.WriteFile("one", "data");
+  fs::create_hard_link(file, dir_.path() / "two");
+  ASSERT_FALSE(AppendFileToFile(dir_.path() / "two", file, written_, failure_));
+  EXPECT_EQ(failure_.error->message, "WRITE_FILE_FAILED: local_path and append target must be different files");
   EXPECT_EQ(ReadWholeFile(file), "data");
 
-  const fs::path other = dir.WriteFile("other", "+more");
-  ASSERT_TRUE(AppendFileToFile(other, file, written, failure));
-  EXPECT_EQ(written, 5u);
+  const fs::path other = dir_.WriteFile("other", "+more");
+  ASSERT_TRUE(AppendFileToFile(other, file, written_, failure_));
+  EXPECT_EQ(written_, 5u);
   EXPECT_EQ(ReadWholeFile(file), "data+more");
 }
 

@@ -54,6 +54,16 @@ TEST_P(ReadRangeTest, Answers) {
   }
 }
 
+// `tail` right behind one byte less than the reader's buffer, so that it starts at the edge of a fill.
+std::string AtFillEdge(const std::string& tail) { return std::string(kFileReadBufferSize - 1, 'a') + tail; }
+
+// Many blocks of plain line feeds, then a carriage return far into the file.
+std::string ManyBlocks() {
+  std::string content;
+  for (int i = 1; i <= 40000; ++i) content += "line " + std::to_string(i) + (i == 30000 ? "\r" : "\n");
+  return content;
+}
+
 INSTANTIATE_TEST_SUITE_P(
     Cases, ReadRangeTest,
     ::testing::Values(
@@ -69,55 +79,27 @@ INSTANTIATE_TEST_SUITE_P(
         ReadCase{"invalid_inside_range", "ok\n\xFF\n", 0, 5, "error: UNSUPPORTED_ENCODING: file is not valid UTF-8: "},
         ReadCase{"cut_off_at_the_end", "ok\n\xE2\x82", 0, 5, "error: UNSUPPORTED_ENCODING: file is not valid UTF-8: "},
         ReadCase{"surrogate_in_range", "\xED\xA0\x80\n", 0, 5, "error: UNSUPPORTED_ENCODING: file is not valid UTF-8: "},
-        ReadCase{"multibyte_kept", "\xC3\xA9t\xC3\xA9\n", 0, 5, "     1\t\xC3\xA9t\xC3\xA9\n"}),
+        ReadCase{"multibyte_kept", "\xC3\xA9t\xC3\xA9\n", 0, 5, "     1\t\xC3\xA9t\xC3\xA9\n"},
+        ReadCase{"line_one_million_has_no_blank", std::string(999'999, '\n') + "x", 999'998, 5, "999999\t\n1000000\tx"},
+        ReadCase{"character_straddling_two_fills", AtFillEdge("\xE2\x82\xAC" "z\nnext\n"), 0, 1,
+                 "     1\t" + AtFillEdge("\xE2\x82\xAC" "z\n")},
+        ReadCase{"line_after_a_straddling_character", AtFillEdge("\xE2\x82\xAC" "z\nnext\n"), 1, 1, "     2\tnext\n"},
+        // A carriage return at the end of a fill pairs with the next fill's line feed.
+        ReadCase{"crlf_across_fills", AtFillEdge("\r\nb\n"), 0, 1, "     1\t" + AtFillEdge("\r\n")},
+        ReadCase{"line_after_crlf_across_fills", AtFillEdge("\r\nb\n"), 1, 5, "     2\tb\n"},
+        ReadCase{"end_after_crlf_across_fills", AtFillEdge("\r\nb\n"), 2, 5, ""},
+        ReadCase{"lone_cr_at_the_end_of_a_fill", AtFillEdge("\rb\rc"), 1, 5, "     2\tb\r     3\tc"},
+        ReadCase{"block_scan_finds_a_late_cr", ManyBlocks(), 29999, 2, " 30000\tline 30000\r 30001\tline 30001\n"},
+        ReadCase{"block_scan_counts_to_the_last_line", ManyBlocks(), 39999, 5, " 40000\tline 40000\n"},
+        ReadCase{"block_scan_past_the_end", ManyBlocks(), 40000, 5, ""},
+        // 2.9 MB of control bytes cost 6 each: 17 MB, beyond one frame.
+        ReadCase{"control_characters_exhaust_the_budget", std::string(2'900'000, '\x01'), 0, 1, "truncated"}),
     [](const auto& info) { return std::string(info.param.name); });
 
 // Messages name the file; the table above checks their heads only.
 TEST_F(FileReadLinesTest, EncodingFailureNamesTheFile) {
   Open("\xC3(\n");
   EXPECT_EQ(Read(0, 5), "error: UNSUPPORTED_ENCODING: file is not valid UTF-8: " + file_.path.native());
-}
-
-TEST_F(FileReadLinesTest, LineNumberOfAMillionHasNoBlank) {
-  Open(std::string(999'999, '\n') + "x");
-  EXPECT_EQ(Read(999'998, 5), "999999\t\n1000000\tx");
-}
-
-TEST_F(FileReadLinesTest, CharacterStraddlingTwoFillsIsReadWhole) {
-  const std::string content = std::string(kFileReadBufferSize - 1, 'a') + "\xE2\x82\xAC" + "z\nnext\n";
-  Open(content);
-  EXPECT_EQ(Read(0, 1), "     1\t" + content.substr(0, content.find('\n') + 1));
-  EXPECT_EQ(Read(1, 1), "     2\tnext\n");
-}
-
-TEST_F(FileReadLinesTest, CarriageReturnAtTheEndOfAFillPairsWithTheNextLineFeed) {
-  const std::string first = std::string(kFileReadBufferSize - 1, 'a') + "\r\n";
-  Open(first + "b\n");
-  EXPECT_EQ(Read(0, 1), "     1\t" + first);
-  EXPECT_EQ(Read(1, 5), "     2\tb\n");
-  EXPECT_EQ(Read(2, 5), "");
-}
-
-TEST_F(FileReadLinesTest, LoneCarriageReturnAtTheEndOfAFill) {
-  const std::string first = std::string(kFileReadBufferSize - 1, 'a') + "\r";
-  Open(first + "b\rc");
-  EXPECT_EQ(Read(1, 5), "     2\tb\r     3\tc");
-}
-
-TEST_F(FileReadLinesTest, ScanSkipsWholeBlocksAndCountsExactly) {
-  // Many blocks of plain line feeds, then a carriage return far into the file.
-  std::string content;
-  for (int i = 1; i <= 40000; ++i) content += "line " + std::to_string(i) + (i == 30000 ? "\r" : "\n");
-  Open(content);
-  EXPECT_EQ(Read(29999, 2), " 30000\tline 30000\r 30001\tline 30001\n");
-  EXPECT_EQ(Read(39999, 5), " 40000\tline 40000\n");
-  EXPECT_EQ(Read(40000, 5), "");
-}
-
-TEST_F(FileReadLinesTest, ControlCharactersExhaustTheBudgetEarly) {
-  // 2.9 MB of control bytes cost 6 each: 17 MB, beyond one frame.
-  Open(std::string(2'900'000, '\x01'));
-  EXPECT_EQ(Read(0, 1), "truncated");
 }
 
 TEST_F(FileReadLinesTest, RangeBeyondTheBudgetFailsEvenWhenFirstLinesFit) {

@@ -8,11 +8,7 @@
 namespace {
 
 using brimo_stack::quay_tools_host::FileNotebookEditRequest;
-using brimo_stack::quay_tools_host::internal::ApplyNotebookCellType;
-using brimo_stack::quay_tools_host::internal::EditNotebookText;
-using brimo_stack::quay_tools_host::internal::FindNotebookCell;
-using brimo_stack::quay_tools_host::internal::NotebookEditOutcome;
-using brimo_stack::quay_tools_host::internal::SplitNotebookSource;
+using namespace brimo_stack::quay_tools_host::internal;
 using nlohmann::json;
 
 constexpr const char* kTwoCells =

@@ -76,7 +76,6 @@ TEST_F(RipgrepPathCacheTest, DeletedExecutableStaysGone) {
   std::filesystem::remove(rg_);
   std::filesystem::path path;
   ExpectFailure(cache_.Resolve(path), 7, 1, "RG_NOT_FOUND: activated rg executable is unavailable");
-  quay_test::TempDir other;
   (void)dir_.WriteFile("bin/rg", "back");
   ExpectFailure(cache_.Resolve(path), 7, 1, "RG_NOT_FOUND: activated rg executable is unavailable");
 }

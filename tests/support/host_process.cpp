@@ -80,18 +80,6 @@ HostProcess HostProcess::WithConfig(const std::string& config, const std::vector
   return HostProcess({"--brimo-stack-host-config", config}, extra_env);
 }
 
-HostProcess::HostProcess(HostProcess&& other) noexcept
-    : pid_(other.pid_),
-      stdin_fd_(other.stdin_fd_),
-      stdout_fd_(other.stdout_fd_),
-      stderr_fd_(other.stderr_fd_),
-      stdout_buffer_(std::move(other.stdout_buffer_)),
-      stdout_closed_(other.stdout_closed_),
-      status_(other.status_) {
-  other.pid_ = -1;
-  other.stdin_fd_ = other.stdout_fd_ = other.stderr_fd_ = -1;
-}
-
 HostProcess::~HostProcess() {
   CloseFd(stdin_fd_);
   if (pid_ > 0 && !status_.has_value()) {

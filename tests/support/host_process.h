@@ -32,9 +32,9 @@ class HostProcess {
   static HostProcess WithConfig(const std::string& config = DefaultLaunchConfig(),
                                 const std::vector<std::string>& extra_env = {});
   ~HostProcess();
-  HostProcess(HostProcess&& other) noexcept;
-  HostProcess& operator=(HostProcess&&) = delete;
+  // Never moved: the pipes and the child belong to one object (WithConfig's result is elided).
   HostProcess(const HostProcess&) = delete;
+  HostProcess& operator=(const HostProcess&) = delete;
 
   // Writes bytes to the child's stdin; false if the pipe is gone.
   bool Write(std::string_view bytes);

@@ -51,4 +51,14 @@ std::string ReadWholeFile(const std::filesystem::path& path) {
   return buffer.str();
 }
 
+std::vector<std::string> TempSiblingsIn(const std::filesystem::path& dir) {
+  std::vector<std::string> found;
+  for (const auto& entry : std::filesystem::directory_iterator(dir)) {
+    if (entry.path().filename().native().find(".brimo_stack_tmp_") != std::string::npos) {
+      found.push_back(entry.path().filename().native());
+    }
+  }
+  return found;
+}
+
 }  // namespace quay_test

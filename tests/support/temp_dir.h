@@ -4,6 +4,7 @@
 #include <filesystem>
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace quay_test {
 
@@ -23,5 +24,7 @@ class TempDir {
 };
 
 [[nodiscard]] std::string ReadWholeFile(const std::filesystem::path& path);
+// Names in `dir` that look like a writer's temporary sibling; a finished write leaves none.
+[[nodiscard]] std::vector<std::string> TempSiblingsIn(const std::filesystem::path& dir);
 
 }  // namespace quay_test

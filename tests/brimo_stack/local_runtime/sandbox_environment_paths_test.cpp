@@ -14,13 +14,11 @@ namespace fs = std::filesystem;
 using brimo_stack::CommandResult;
 namespace rt = brimo_stack::local_runtime;
 
-// Sets TMPDIR for one test and puts the old value back afterwards.
+// Sets TMPDIR, or unsets it for nullopt, until the end of the scope.
 class ScopedTmpdir {
  public:
   explicit ScopedTmpdir(const std::optional<std::string>& value) {
-    if (const char* old = std::getenv("TMPDIR")) {
-      saved_ = old;
-    }
+    if (const char* old = std::getenv("TMPDIR")) saved_ = old;
     Apply(value);
   }
   ~ScopedTmpdir() { Apply(saved_); }
@@ -29,16 +27,10 @@ class ScopedTmpdir {
 
  private:
   static void Apply(const std::optional<std::string>& value) {
-    if (value.has_value()) {
-      ::setenv("TMPDIR", value->c_str(), /*overwrite=*/1);
-    } else {
-      ::unsetenv("TMPDIR");
-    }
+    value.has_value() ? ::setenv("TMPDIR", value->c_str(), /*overwrite=*/1) : ::unsetenv("TMPDIR");
   }
   std::optional<std::string> saved_;
 };
-
-std::string Message(const CommandResult& result) { return result.error.has_value() ? result.error->message : ""; }
 
 struct ProfileCase {
   const char* install_dir;
@@ -55,7 +47,7 @@ TEST_P(ProfileInstallDir, GivesRootBesideItOrRefuses) {
   fs::path root("stale");
   const CommandResult result = rt::ResolveRuntimeArtifactRoot(root, c.install_dir);
   if (c.expected_root != nullptr) {
-    ASSERT_TRUE(result.ok) << Message(result);
+    ASSERT_TRUE(result.ok) << result.error->message;
     EXPECT_EQ(root.native(), c.expected_root);
   } else {
     ASSERT_FALSE(result.ok);
@@ -95,26 +87,20 @@ TEST_F(TempRoot, OtherInstallDirsUseTheTempRoot) {
                                   "/opt/p/sandbox_envs_dir/.."}) {
     fs::path root;
     const CommandResult result = rt::ResolveRuntimeArtifactRoot(root, install_dir);
-    ASSERT_TRUE(result.ok) << install_dir << ": " << Message(result);
+    ASSERT_TRUE(result.ok) << install_dir << ": " << result.error->message;
     EXPECT_EQ(root, temp_.path() / "qz") << install_dir;
   }
 }
 
-TEST_F(TempRoot, ToolOutputsRootAppendsTo) {
+TEST_F(TempRoot, ToolOutputsRootAppendsToAndCreatesNothing) {
   ScopedTmpdir tmpdir(temp_.path().native());
   fs::path root;
   ASSERT_TRUE(rt::ResolveToolOutputsRoot(root, "").ok);
   EXPECT_EQ(root, temp_.path() / "qz" / "to");
+  EXPECT_FALSE(fs::exists(temp_.path() / "qz"));
   ASSERT_TRUE(rt::ResolveToolOutputsRoot(root, "/opt/p/sandbox_envs_dir").ok);
   EXPECT_EQ(root.native(), "/opt/p/brimo_stack/to");
   EXPECT_EQ(rt::BrimoStackRuntimeArtifactRoot(""), temp_.path() / "qz");
-}
-
-TEST_F(TempRoot, ResolvingCreatesNothing) {
-  ScopedTmpdir tmpdir(temp_.path().native());
-  fs::path root;
-  ASSERT_TRUE(rt::ResolveToolOutputsRoot(root, "").ok);
-  EXPECT_FALSE(fs::exists(temp_.path() / "qz"));
 }
 
 TEST(TempRootDefault, UnsetOrEmptyTmpdirMeansSlashTmp) {
@@ -174,21 +160,13 @@ INSTANTIATE_TEST_SUITE_P(
         BadTmpdirCase{"@/missing", 6, 2, "validate system temporary directory failed: No such file or directory"},
         BadTmpdirCase{"@/a_file", 6, 20, "validate system temporary directory failed: Not a directory"}));
 
-struct NormalizeCase {
-  const char* input;
-  const char* expected;
-};
-
-class NormalizeWithoutTrailingSeparator : public testing::TestWithParam<NormalizeCase> {};
-
-TEST_P(NormalizeWithoutTrailingSeparator, FoldsAndDropsTrailingSeparators) {
-  EXPECT_EQ(rt::NormalizeWithoutTrailingSeparator(GetParam().input).native(), GetParam().expected);
+TEST(NormalizeWithoutTrailingSeparator, FoldsAndDropsTrailingSeparators) {
+  const std::pair<const char*, const char*> cases[] = {{"", ""},          {"/", "/"},          {"//", "/"},
+                                                       {"/a/b/", "/a/b"}, {"/a/./b//", "/a/b"}, {"a/b/../", "a"},
+                                                       {"/a/..", "/"},    {"a\\b\\", "a\\b\\"}};
+  for (const auto& [input, expected] : cases) {
+    EXPECT_EQ(rt::NormalizeWithoutTrailingSeparator(input).native(), expected) << input;
+  }
 }
-
-INSTANTIATE_TEST_SUITE_P(Cases, NormalizeWithoutTrailingSeparator,
-                         testing::Values(NormalizeCase{"", ""}, NormalizeCase{"/", "/"}, NormalizeCase{"//", "/"},
-                                         NormalizeCase{"/a/b/", "/a/b"}, NormalizeCase{"/a/./b//", "/a/b"},
-                                         NormalizeCase{"a/b/../", "a"}, NormalizeCase{"/a/..", "/"},
-                                         NormalizeCase{"a\\b\\", "a\\b\\"}));
 
 }  // namespace
