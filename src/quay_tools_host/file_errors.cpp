@@ -40,11 +40,11 @@ int32_t FileMutationErrorCode(FileMutationErrorKind kind) {
 }
 
 bool IsAccessDeniedFailure(int32_t category, int32_t code) {
-  return category == kCategorySystem && (code == 5 || code == 1314 || code == 13 || code == 1);
+  return category == kCategorySystem && IsDeniedSystemNumber(code);
 }
 
 bool IsNotFoundFailure(int32_t category, int32_t code) {
-  return category == kCategorySystem && (code == 2 || code == 3 || code == 20);
+  return category == kCategorySystem && IsMissingSystemNumber(code);
 }
 
 bool IsAccessDeniedErrorCode(const std::error_code& error) {

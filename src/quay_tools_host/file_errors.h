@@ -58,4 +58,9 @@ enum class FileMutationErrorKind : int32_t {
 
 inline constexpr std::string_view kFileAccessDeniedPrefix = "FILE_ACCESS_DENIED: ";
 
+// The platform layer under the predicates: which system error numbers mean denied and which
+// mean missing. The numbers differ between platforms (errno 5 is an I/O error on POSIX).
+[[nodiscard]] bool IsDeniedSystemNumber(int32_t code);
+[[nodiscard]] bool IsMissingSystemNumber(int32_t code);
+
 }  // namespace brimo_stack::quay_tools_host::internal

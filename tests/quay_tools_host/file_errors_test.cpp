@@ -14,11 +14,13 @@ TEST(MakeFileErrorTest, HeadWordOrDenied) {
   const CommandResult missing = MakeFileError(FileErrorKind::kReadFileFailed, 6, ENOENT, "open file failed: x");
   EXPECT_EQ(missing.error->message, "READ_FILE_FAILED: open file failed: x");
   EXPECT_EQ(missing.error->code, ENOENT);
-  for (const int denied : {1, 5, 13, 1314}) {
+  for (const int denied : {EPERM, EACCES}) {
     const CommandResult result = MakeFileError(FileErrorKind::kWriteFileFailed, 6, denied, "t");
     EXPECT_EQ(result.error->message, "FILE_ACCESS_DENIED: t") << denied;
     EXPECT_EQ(result.error->code, denied);
   }
+  // An I/O error is no denial here, whatever its number means elsewhere.
+  EXPECT_EQ(MakeFileError(FileErrorKind::kWriteFileFailed, 6, EIO, "t").error->message, "WRITE_FILE_FAILED: t");
   // Only category 6 numbers are system errors.
   EXPECT_EQ(MakeFileError(FileErrorKind::kInvalidFilePath, 7, 1, "t").error->message, "INVALID_FILE_PATH: t");
   EXPECT_EQ(MakeFileError(static_cast<FileErrorKind>(42), 3, 0, "t").error->message, "UNKNOWN_FILE_ERROR: t");
@@ -82,8 +84,12 @@ TEST(PredicatesTest, PosixErrorSets) {
   EXPECT_TRUE(IsNotFoundErrorCode(Errno(ENOENT)));
   EXPECT_TRUE(IsNotFoundErrorCode(Errno(ENOTDIR)));
   EXPECT_FALSE(IsNotFoundErrorCode(Errno(EISDIR)));
-  EXPECT_TRUE(IsNotFoundFailure(6, 3));
-  EXPECT_FALSE(IsNotFoundFailure(7, 2));
+  EXPECT_TRUE(IsNotFoundFailure(6, ENOENT));
+  EXPECT_TRUE(IsNotFoundFailure(6, ENOTDIR));
+  EXPECT_FALSE(IsNotFoundFailure(6, ESRCH));
+  EXPECT_FALSE(IsNotFoundFailure(7, ENOENT));
+  EXPECT_TRUE(IsAccessDeniedFailure(6, EPERM));
+  EXPECT_FALSE(IsAccessDeniedFailure(6, EIO));
   EXPECT_FALSE(IsAccessDeniedFailure(3, 13));
 }
 
