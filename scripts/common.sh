@@ -3,7 +3,7 @@ set -euo pipefail
 
 QUAY_ROOT="$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)"
 QUAY_PACKAGES=(cmake ninja-build g++ nlohmann-json3-dev libspdlog-dev libfmt-dev libgtest-dev libgmock-dev
-               libbenchmark-dev ripgrep gdb python3 python3-nbformat acl)
+               libbenchmark-dev lld ripgrep gdb python3 python3-nbformat acl)
 
 quay_install_dependencies() {
   local missing=()
