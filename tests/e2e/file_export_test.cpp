@@ -124,6 +124,22 @@ TEST_F(FileExport, CopiesIntoNewDirectoriesAndReportsSizePathAndUrl) {
   EXPECT_FALSE(fs::exists(layout_.root / "x"));
 }
 
+// Systems that keep temporary files elsewhere link their TMPDIR there: links above the runtime
+// artifact root are the system's and are followed; from that root down none is.
+TEST_F(FileExport, TempDirectoryReachedThroughALinkWorks) {
+  const fs::path real_tmp = temp_.path() / "real_tmp";
+  fs::create_directories(real_tmp);
+  layout_.tmp = temp_.path() / "tmp_link";
+  fs::create_directory_symlink(real_tmp, layout_.tmp);
+  layout_.root = layout_.tmp / "qz" / "to";
+
+  const json response = Export("source.txt", (layout_.root / "sub" / "linked.txt").native());
+  ASSERT_TRUE(response.value("ok", false)) << response.dump();
+  EXPECT_EQ(Data(response).at("local_path"), (layout_.root / "sub" / "linked.txt").native());
+  EXPECT_EQ(ReadWholeFile(real_tmp / "qz" / "to" / "sub" / "linked.txt"), "payload");
+  EXPECT_EQ(ListTree(real_tmp / "qz" / "to" / "sub"), std::set<std::string>{(real_tmp / "qz/to/sub/linked.txt").native()});
+}
+
 TEST_F(FileExport, ExistingExportIsReplacedByRenameNotRewritten) {
   const fs::path target = layout_.root / "report.txt";
   fs::create_directories(layout_.root);
