@@ -153,23 +153,27 @@ std::string WideToUtf8(std::u16string_view text) {
     } else if (value >= 0xDC00 && value <= 0xDFFF) {
       ThrowBadConversion();
     }
-    if (value < 0x80) {
-      out.push_back(static_cast<char>(value));
-    } else if (value < 0x800) {
-      out.push_back(static_cast<char>(0xC0 | (value >> 6)));
-      out.push_back(static_cast<char>(0x80 | (value & 0x3F)));
-    } else if (value < 0x10000) {
-      out.push_back(static_cast<char>(0xE0 | (value >> 12)));
-      out.push_back(static_cast<char>(0x80 | ((value >> 6) & 0x3F)));
-      out.push_back(static_cast<char>(0x80 | (value & 0x3F)));
-    } else {
-      out.push_back(static_cast<char>(0xF0 | (value >> 18)));
-      out.push_back(static_cast<char>(0x80 | ((value >> 12) & 0x3F)));
-      out.push_back(static_cast<char>(0x80 | ((value >> 6) & 0x3F)));
-      out.push_back(static_cast<char>(0x80 | (value & 0x3F)));
-    }
+    AppendUtf8CodePoint(out, value);
   }
   return out;
+}
+
+void AppendUtf8CodePoint(std::string& out, uint32_t code_point) {
+  if (code_point < 0x80) {
+    out.push_back(static_cast<char>(code_point));
+  } else if (code_point < 0x800) {
+    out.push_back(static_cast<char>(0xC0 | (code_point >> 6)));
+    out.push_back(static_cast<char>(0x80 | (code_point & 0x3F)));
+  } else if (code_point < 0x10000) {
+    out.push_back(static_cast<char>(0xE0 | (code_point >> 12)));
+    out.push_back(static_cast<char>(0x80 | ((code_point >> 6) & 0x3F)));
+    out.push_back(static_cast<char>(0x80 | (code_point & 0x3F)));
+  } else {
+    out.push_back(static_cast<char>(0xF0 | (code_point >> 18)));
+    out.push_back(static_cast<char>(0x80 | ((code_point >> 12) & 0x3F)));
+    out.push_back(static_cast<char>(0x80 | ((code_point >> 6) & 0x3F)));
+    out.push_back(static_cast<char>(0x80 | (code_point & 0x3F)));
+  }
 }
 
 std::string ToLowerAscii(std::string_view text) {

@@ -24,6 +24,8 @@ namespace brimo_stack {
 // Strict conversions; ill-formed input throws std::range_error("bad conversion").
 [[nodiscard]] std::u16string Utf8ToWide(std::string_view text);
 [[nodiscard]] std::string WideToUtf8(std::u16string_view text);
+// Appends the UTF-8 form of a code point that is not a surrogate and not above U+10FFFF.
+void AppendUtf8CodePoint(std::string& out, uint32_t code_point);
 
 // Folds only A-Z; every other byte stays as it is.
 [[nodiscard]] std::string ToLowerAscii(std::string_view text);

@@ -10,6 +10,7 @@
 
 #include "brimo_stack_common/byte_vector.h"
 #include "brimo_stack_common/large_buffer.h"
+#include "brimo_stack_common/string_util.h"
 
 namespace brimo_stack::local_runtime::ipc {
 namespace {
@@ -70,24 +71,6 @@ size_t Utf8SequenceLength(const char* at, const char* end) {
     return continuation(1, low, high) && continuation(2, 0x80, 0xBF) && continuation(3, 0x80, 0xBF) ? 4 : 0;
   }
   return 0;
-}
-
-void AppendUtf8(std::string& out, uint32_t code_point) {
-  if (code_point < 0x80) {
-    out.push_back(static_cast<char>(code_point));
-  } else if (code_point < 0x800) {
-    out.push_back(static_cast<char>(0xC0 | (code_point >> 6)));
-    out.push_back(static_cast<char>(0x80 | (code_point & 0x3F)));
-  } else if (code_point < 0x10000) {
-    out.push_back(static_cast<char>(0xE0 | (code_point >> 12)));
-    out.push_back(static_cast<char>(0x80 | ((code_point >> 6) & 0x3F)));
-    out.push_back(static_cast<char>(0x80 | (code_point & 0x3F)));
-  } else {
-    out.push_back(static_cast<char>(0xF0 | (code_point >> 18)));
-    out.push_back(static_cast<char>(0x80 | ((code_point >> 12) & 0x3F)));
-    out.push_back(static_cast<char>(0x80 | ((code_point >> 6) & 0x3F)));
-    out.push_back(static_cast<char>(0x80 | (code_point & 0x3F)));
-  }
 }
 
 class FastJsonReader {
@@ -369,7 +352,7 @@ class FastJsonReader {
       }
       unit = 0x10000 + ((unit - 0xD800) << 10) + (low - 0xDC00);
     }
-    AppendUtf8(text, unit);
+    AppendUtf8CodePoint(text, unit);
     return true;
   }
 
