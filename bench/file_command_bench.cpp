@@ -12,7 +12,7 @@
 
 #include <nlohmann/json.hpp>
 
-#include "brimo_stack/local_runtime/json_frame_parser.h"
+#include "brimo_stack/local_runtime/ipc/json_frame_parser.h"
 #include "quay_tools_host/file_command_service.h"
 
 namespace {

@@ -10,7 +10,7 @@
 #include <string>
 #include <thread>
 
-#include "brimo_stack/local_runtime/json_frame_parser.h"
+#include "brimo_stack/local_runtime/ipc/json_frame_parser.h"
 #include "support/host_process.h"
 
 namespace {

@@ -6,7 +6,7 @@
 
 #include "brimo_stack_common/command_result.h"
 #include "quay_tools_host/command_requests.h"
-#include "quay_tools_host/ripgrep_path_cache.h"
+#include "quay_tools_host/search/ripgrep_path_cache.h"
 
 namespace brimo_stack::quay_tools_host {
 

@@ -3,8 +3,8 @@
 
 #include <cstdint>
 
-#include "brimo_stack/local_runtime/json_host_run_loop.h"
-#include "brimo_stack/local_runtime/json_line_channel.h"
+#include "brimo_stack/local_runtime/ipc/json_host_run_loop.h"
+#include "brimo_stack/local_runtime/ipc/json_line_channel.h"
 #include "quay_tools_host/file_command_service.h"
 
 namespace brimo_stack::quay_tools_host {

@@ -9,7 +9,7 @@
 #include <filesystem>
 #include <thread>
 
-#include "quay_tools_host/atomic_file_writer.h"
+#include "quay_tools_host/writes/atomic_file_writer.h"
 #include "support/temp_dir.h"
 
 namespace {

@@ -10,9 +10,9 @@
 #include <spdlog/sinks/rotating_file_sink.h>
 #include <spdlog/spdlog.h>
 
-#include "brimo_stack/local_runtime/log_level_formatter.h"
+#include "brimo_stack/local_runtime/logging/log_level_formatter.h"
 #include "brimo_stack/local_runtime/process_info.h"
-#include "quay_tools_host/file_paths.h"
+#include "brimo_stack_common/path_text.h"
 
 namespace brimo_stack::local_runtime {
 namespace {
@@ -188,7 +188,7 @@ void ConfigureHostLogger(std::string_view host, const HostLogConfig& config) {
   }
   try {
     const std::filesystem::path directory =
-        quay_tools_host::internal::PrepareWidePath(config.log_dir) / std::filesystem::path(std::string(host));
+        PrepareWidePath(config.log_dir) / std::filesystem::path(std::string(host));
     std::filesystem::create_directories(directory);
     const std::filesystem::path file = directory / MakeHostLogFileName(host);
     auto sink = std::make_shared<spdlog::sinks::rotating_file_sink_mt>(file.string(), kLogFileMaxBytes, kLogFilesKept,

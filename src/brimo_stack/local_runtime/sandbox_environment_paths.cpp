@@ -5,6 +5,8 @@
 
 #include <spdlog/spdlog.h>
 
+#include "brimo_stack_common/path_text.h"
+
 namespace brimo_stack::local_runtime {
 namespace {
 
@@ -47,7 +49,7 @@ std::filesystem::path BrimoStackRuntimeArtifactRoot(std::string_view install_dir
 
 CommandResult ResolveRuntimeArtifactRoot(std::filesystem::path& out, std::string_view install_dir) {
   out.clear();
-  const std::filesystem::path install = internal::PathFromUtf8(install_dir);
+  const std::filesystem::path install = PathFromUtf8(install_dir);
   const std::filesystem::path normalized = NormalizeWithoutTrailingSeparator(install);
 
   if (!normalized.empty() && normalized.filename() == kProfileDirectoryName) {
@@ -118,17 +120,6 @@ CommandResult ResolveSystemTempRootForSandboxFiles(std::filesystem::path& out) {
   }
   out = path;
   return CommandResult::Success();
-}
-
-std::filesystem::path NormalizeWithoutTrailingSeparator(const std::filesystem::path& path) {
-  std::filesystem::path result = path.lexically_normal();
-  // Compared as text: the path library holds "//" equal to "/" and would keep the extra one.
-  while (!result.empty() && result.native() != result.root_path().native() && !result.has_filename()) {
-    auto text = result.native();
-    text.pop_back();
-    result = std::filesystem::path(std::move(text));
-  }
-  return result;
 }
 
 }  // namespace brimo_stack::local_runtime

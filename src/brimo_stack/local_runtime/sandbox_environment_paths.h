@@ -22,19 +22,9 @@ namespace brimo_stack::local_runtime {
 // directory other than a filesystem root.
 [[nodiscard]] CommandResult ResolveSystemTempRootForSandboxFiles(std::filesystem::path& out);
 
-// Lexical normal form without trailing separators; a root keeps its own.
-[[nodiscard]] std::filesystem::path NormalizeWithoutTrailingSeparator(const std::filesystem::path& path);
-
-// The form the file system takes at any length: the long-path form for a long absolute path
-// where the platform has one (`force` for any length), the path itself elsewhere.
-[[nodiscard]] std::filesystem::path PrepareWin32PathForFSAccess(const std::filesystem::path& path, bool force);
-
 namespace internal {
 
 // The platform layer under the portable functions above.
-
-// The path whose native text is this UTF-8 text.
-[[nodiscard]] std::filesystem::path PathFromUtf8(std::string_view text);
 
 // The temporary directory as the system names it, before any validation.
 [[nodiscard]] CommandResult QuerySystemTempDirectory(std::filesystem::path& out);

@@ -160,13 +160,4 @@ INSTANTIATE_TEST_SUITE_P(
         BadTmpdirCase{"@/missing", 6, 2, "validate system temporary directory failed: No such file or directory"},
         BadTmpdirCase{"@/a_file", 6, 20, "validate system temporary directory failed: Not a directory"}));
 
-TEST(NormalizeWithoutTrailingSeparator, FoldsAndDropsTrailingSeparators) {
-  const std::pair<const char*, const char*> cases[] = {{"", ""},          {"/", "/"},          {"//", "/"},
-                                                       {"/a/b/", "/a/b"}, {"/a/./b//", "/a/b"}, {"a/b/../", "a"},
-                                                       {"/a/..", "/"},    {"a\\b\\", "a\\b\\"}};
-  for (const auto& [input, expected] : cases) {
-    EXPECT_EQ(rt::NormalizeWithoutTrailingSeparator(input).native(), expected) << input;
-  }
-}
-
 }  // namespace

@@ -17,7 +17,7 @@
 #include <string_view>
 #include <thread>
 
-#include "brimo_stack/local_runtime/self_managed_crash_handler.h"
+#include "brimo_stack/local_runtime/crash/self_managed_crash_handler.h"
 
 namespace {
 

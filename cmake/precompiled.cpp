@@ -1,0 +1,1 @@
+// The translation unit that builds the shared precompiled header; it has no code of its own.

@@ -1,0 +1,35 @@
+// The structured log line on the process-wide default logger.
+#include "brimo_stack/local_runtime/logging/structured_log.h"
+
+#include <spdlog/spdlog.h>
+
+namespace brimo_stack {
+namespace {
+
+spdlog::level::level_enum ToSpdlogLevel(LogLevel level) {
+  switch (level) {
+    case LogLevel::kTrace: return spdlog::level::trace;
+    case LogLevel::kDebug: return spdlog::level::debug;
+    case LogLevel::kInfo: return spdlog::level::info;
+    case LogLevel::kWarning: return spdlog::level::warn;
+    case LogLevel::kError: return spdlog::level::err;
+    case LogLevel::kCritical: return spdlog::level::critical;
+  }
+  return spdlog::level::info;
+}
+
+}  // namespace
+
+void LogStructured(LogLevel level, std::string_view component, std::string_view message,
+                   const nlohmann::json& fields, const LogLocation& location) {
+  spdlog::logger* logger = spdlog::default_logger_raw();
+  const auto spd_level = ToSpdlogLevel(level);
+  if (logger == nullptr || !logger->should_log(spd_level)) {
+    return;
+  }
+  const std::string serialized = fields.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
+  logger->log(spdlog::source_loc{location.file, static_cast<int>(location.line), location.function}, spd_level,
+              "component={}, message={}, fields={}", component, message, serialized);
+}
+
+}  // namespace brimo_stack

@@ -1,0 +1,65 @@
+// file_edit: replaces an exact piece of a UTF-8 file, once or everywhere, by an atomic rewrite.
+#include <filesystem>
+
+#include "quay_tools_host/writes/atomic_file_writer.h"
+#include "quay_tools_host/policy/file_access_policy.h"
+#include "quay_tools_host/commands/existing_file_entry.h"
+#include "quay_tools_host/file_command_service.h"
+#include "quay_tools_host/files/file_errors.h"
+#include "quay_tools_host/files/file_paths.h"
+#include "quay_tools_host/files/file_read_primitives.h"
+#include "quay_tools_host/files/file_text.h"
+#include "quay_tools_host/edits/text_edit.h"
+
+namespace brimo_stack::quay_tools_host {
+namespace {
+
+using internal::FileMutationErrorKind;
+
+CommandResult MapFileMissing(CommandResult result) {
+  return internal::MapMutationFailure(std::move(result), FileMutationErrorKind::kFileNotFound);
+}
+
+}  // namespace
+
+CommandResult FileCommandService::Edit(const FileEditRequest& request) {
+  if (request.old_content.empty()) {
+    return CommandResult::Failure(kCategoryRefused, 1, "INVALID_OLD_STRING: old_content is empty");
+  }
+  std::filesystem::path real;
+  CommandResult allowed = internal::ResolveExistingFileUnderPolicy(
+      request.base_cwd, request.path, request.policy, /*for_write=*/true, FileMutationErrorKind::kFileNotFound, real);
+  if (!allowed.ok) {
+    return allowed;
+  }
+  std::string text;
+  CommandResult loaded = internal::ReadValidatedUtf8File(real, text, internal::kEditableFileLimit);
+  if (!loaded.ok) {
+    return MapFileMissing(std::move(loaded));
+  }
+  // Each side is recognised on its own: a numbered new_content loses its numbers either way.
+  std::string old_stripped;
+  std::string new_stripped;
+  const std::string_view old_text = internal::TryStripReadLineNumbers(request.old_content, old_stripped)
+                                        ? old_stripped
+                                        : std::string_view(request.old_content);
+  const std::string_view new_text = internal::TryStripReadLineNumbers(request.new_content, new_stripped)
+                                        ? new_stripped
+                                        : std::string_view(request.new_content);
+  if (old_text.empty()) {
+    return CommandResult::Failure(kCategoryRefused, 1,
+                                  "INVALID_OLD_STRING: old_content is empty after removing read line numbers");
+  }
+  uint64_t replacements = 0;
+  CommandResult replaced = internal::ReplaceExactText(text, old_text, new_text, request.replace_all, replacements);
+  if (!replaced.ok) {
+    return replaced;
+  }
+  CommandResult failure;
+  if (!internal::WriteFileAtomically(real, text, failure)) {
+    return MapFileMissing(std::move(failure));
+  }
+  return MakeJsonOutputResult(nlohmann::json{{"replacements", replacements}});
+}
+
+}  // namespace brimo_stack::quay_tools_host

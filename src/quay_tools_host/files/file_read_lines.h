@@ -1,0 +1,64 @@
+// The line scan and the budgeted line reader behind file_read.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "brimo_stack_common/command_result.h"
+#include "quay_tools_host/files/file_read_primitives.h"
+
+namespace brimo_stack::quay_tools_host::internal {
+
+// The payload budget of one frame, 64 KiB below the frame limit.
+inline constexpr uint64_t kFileReadResponseBudget = 0xFF0000;
+inline constexpr uint64_t kFileReadBufferSize = 65536;
+
+struct ReadPosition {
+  uint64_t byte_offset = 0;
+  uint64_t line_number = 1;
+};
+
+struct LineScanState {
+  uint64_t line_count = 0;
+  bool found = false;
+  ReadPosition position;
+};
+
+// A reader over a CachedReadFile that never reads past the file's snapshot size.
+struct BufferedFileCursor {
+  explicit BufferedFileCursor(const CachedReadFile& file) : file(file), size(file.size), buffer(kFileReadBufferSize) {}
+
+  [[nodiscard]] size_t unread() const { return filled - consumed; }
+
+  const CachedReadFile& file;
+  uint64_t offset = 0;  // file offset of buffer[consumed]
+  uint64_t size = 0;
+  std::vector<char> buffer;
+  size_t consumed = 0;
+  size_t filled = 0;
+  CommandResult seek_result;
+};
+
+struct ReadLine {
+  std::string text;  // terminator included
+  uint64_t cost = 0;  // JSON-escaped size of `text`
+  bool has_data = false;
+  bool complete = false;
+};
+
+// Finds where line `target_line` (from 1) starts; line ends are LF, CR LF and a lone CR.
+[[nodiscard]] CommandResult FileLineScan(const CachedReadFile& file, uint64_t target_line, LineScanState& state);
+
+// Up to `line_limit` numbered lines from `position`; `truncated` when the budget ran out.
+[[nodiscard]] CommandResult ReadLinesFrom(const CachedReadFile& file, const ReadPosition& position, uint64_t size,
+                                          uint64_t line_limit, std::string& text, bool& truncated);
+
+// One line, validated a character at a time and cut at a character boundary by `budget`.
+[[nodiscard]] CommandResult ReadOneLine(BufferedFileCursor& cursor, uint64_t budget, ReadLine& line);
+
+// True when `count` unread bytes are buffered; false with `failure` set on a read failure and
+// false with `failure` untouched when the file has no more bytes.
+[[nodiscard]] bool EnsureBuffered(BufferedFileCursor& cursor, size_t count, CommandResult& failure);
+
+}  // namespace brimo_stack::quay_tools_host::internal

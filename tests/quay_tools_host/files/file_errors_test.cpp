@@ -1,0 +1,97 @@
+// The error model: head words, the denied rewrite, mutation codes and their mapping.
+#include <gtest/gtest.h>
+
+#include <cerrno>
+
+#include "quay_tools_host/files/file_errors.h"
+
+namespace brimo_stack::quay_tools_host::internal {
+namespace {
+
+std::error_code Errno(int number) { return std::error_code(number, std::generic_category()); }
+
+TEST(MakeFileErrorTest, HeadWordOrDenied) {
+  const CommandResult missing = MakeFileError(FileErrorKind::kReadFileFailed, 6, ENOENT, "open file failed: x");
+  EXPECT_EQ(missing.error->message, "READ_FILE_FAILED: open file failed: x");
+  EXPECT_EQ(missing.error->code, ENOENT);
+  for (const int denied : {EPERM, EACCES}) {
+    const CommandResult result = MakeFileError(FileErrorKind::kWriteFileFailed, 6, denied, "t");
+    EXPECT_EQ(result.error->message, "FILE_ACCESS_DENIED: t") << denied;
+    EXPECT_EQ(result.error->code, denied);
+  }
+  // An I/O error is no denial here, whatever its number means elsewhere.
+  EXPECT_EQ(MakeFileError(FileErrorKind::kWriteFileFailed, 6, EIO, "t").error->message, "WRITE_FILE_FAILED: t");
+  // Only category 6 numbers are system errors.
+  EXPECT_EQ(MakeFileError(FileErrorKind::kInvalidFilePath, 7, 1, "t").error->message, "INVALID_FILE_PATH: t");
+  EXPECT_EQ(MakeFileError(static_cast<FileErrorKind>(42), 3, 0, "t").error->message, "UNKNOWN_FILE_ERROR: t");
+}
+
+TEST(MakeFileMutationErrorTest, NamesAndCodes) {
+  const std::tuple<FileMutationErrorKind, const char*, int> cases[] = {
+      {FileMutationErrorKind::kParentDirNotFound, "PARENT_DIR_NOT_FOUND", 1000},
+      {FileMutationErrorKind::kFileNotFound, "FILE_NOT_FOUND", 1001},
+      {FileMutationErrorKind::kPermissionDenied, "PERMISSION_DENIED", 1002},
+      {FileMutationErrorKind::kOldStringNotFound, "OLD_STRING_NOT_FOUND", 1003},
+      {FileMutationErrorKind::kOldStringNotUnique, "OLD_STRING_NOT_UNIQUE", 1004},
+      {FileMutationErrorKind::kCellIdNotFound, "CELL_ID_NOT_FOUND", 1005},
+      {FileMutationErrorKind::kNone, "UNKNOWN_FILE_MUTATION_ERROR", 0},
+      {static_cast<FileMutationErrorKind>(7), "UNKNOWN_FILE_MUTATION_ERROR", 0}};
+  for (const auto& [kind, name, code] : cases) {
+    const CommandResult result = MakeFileMutationError(kind, "FILE_ACCESS_DENIED: x");
+    EXPECT_EQ(result.error->category, 7);
+    EXPECT_EQ(result.error->code, code);
+    EXPECT_EQ(result.error->message, std::string(name) + ": FILE_ACCESS_DENIED: x");
+  }
+}
+
+TEST(MakeFileErrorFromErrorCodeTest, StageAndSystemText) {
+  const CommandResult denied = MakeFileErrorFromErrorCode(FileErrorKind::kReadFileFailed, "get file size", Errno(EACCES));
+  EXPECT_EQ(denied.error->message, "FILE_ACCESS_DENIED: get file size failed: Permission denied");
+  EXPECT_EQ(denied.error->category, 6);
+  EXPECT_EQ(denied.error->code, EACCES);
+  const CommandResult missing = MakeFileErrorFromErrorCode(FileErrorKind::kInvalidFilePath, "inspect path", Errno(ENOENT));
+  EXPECT_EQ(missing.error->message, "INVALID_FILE_PATH: inspect path failed: No such file or directory");
+  const CommandResult with_path =
+      MakeFileErrorForPath(FileErrorKind::kWriteFileFailed, "create directory", "/a/b", Errno(EROFS));
+  EXPECT_EQ(with_path.error->message, "WRITE_FILE_FAILED: create directory '/a/b' failed: Read-only file system");
+}
+
+TEST(MapMutationFailureTest, DeniedAlwaysMissingOnlyWithAKind) {
+  const CommandResult missing = CommandResult::Failure(6, ENOENT, "READ_FILE_FAILED: open file failed: x");
+  EXPECT_EQ(MapMutationFailure(missing, FileMutationErrorKind::kNone).error->message, missing.error->message);
+  const CommandResult mapped = MapMutationFailure(missing, FileMutationErrorKind::kFileNotFound);
+  EXPECT_EQ(mapped.error->code, 1001);
+  EXPECT_EQ(mapped.error->message, "FILE_NOT_FOUND: READ_FILE_FAILED: open file failed: x");
+  const CommandResult not_dir = CommandResult::Failure(6, ENOTDIR, "m");
+  EXPECT_EQ(MapMutationFailure(not_dir, FileMutationErrorKind::kParentDirNotFound).error->code, 1000);
+
+  const CommandResult policy = CommandResult::Failure(7, 1, "FILE_ACCESS_DENIED: matched blacklist pattern: /p");
+  const CommandResult permission = MapMutationFailure(policy, FileMutationErrorKind::kNone);
+  EXPECT_EQ(permission.error->code, 1002);
+  EXPECT_EQ(permission.error->message, "PERMISSION_DENIED: FILE_ACCESS_DENIED: matched blacklist pattern: /p");
+  EXPECT_EQ(MapMutationFailure(CommandResult::Failure(6, 1, "x"), FileMutationErrorKind::kNone).error->code, 1002);
+
+  const CommandResult inner = CommandResult::Failure(7, 1, "INVALID: FILE_ACCESS_DENIED: x");
+  EXPECT_EQ(MapMutationFailure(inner, FileMutationErrorKind::kFileNotFound).error->code, 1);
+  EXPECT_TRUE(MapMutationFailure(CommandResult::Success(), FileMutationErrorKind::kFileNotFound).ok);
+  EXPECT_EQ(MapMutationFailure(CommandResult::Failure(6, 13, ""), FileMutationErrorKind::kNone).error->code, 13);
+}
+
+TEST(PredicatesTest, PosixErrorSets) {
+  EXPECT_TRUE(IsAccessDeniedErrorCode(Errno(EACCES)));
+  EXPECT_TRUE(IsAccessDeniedErrorCode(Errno(EPERM)));
+  EXPECT_FALSE(IsAccessDeniedErrorCode(Errno(EROFS)));
+  EXPECT_TRUE(IsNotFoundErrorCode(Errno(ENOENT)));
+  EXPECT_TRUE(IsNotFoundErrorCode(Errno(ENOTDIR)));
+  EXPECT_FALSE(IsNotFoundErrorCode(Errno(EISDIR)));
+  EXPECT_TRUE(IsNotFoundFailure(6, ENOENT));
+  EXPECT_TRUE(IsNotFoundFailure(6, ENOTDIR));
+  EXPECT_FALSE(IsNotFoundFailure(6, ESRCH));
+  EXPECT_FALSE(IsNotFoundFailure(7, ENOENT));
+  EXPECT_TRUE(IsAccessDeniedFailure(6, EPERM));
+  EXPECT_FALSE(IsAccessDeniedFailure(6, EIO));
+  EXPECT_FALSE(IsAccessDeniedFailure(3, 13));
+}
+
+}  // namespace
+}  // namespace brimo_stack::quay_tools_host::internal

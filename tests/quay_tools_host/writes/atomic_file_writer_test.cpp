@@ -1,0 +1,173 @@
+// The atomic writer and the appends on real files: names, permissions, ACLs, refusals, leftovers.
+#include "quay_tools_host/writes/atomic_file_writer.h"
+
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <sys/xattr.h>
+#include <unistd.h>
+
+#include <cstring>
+#include <vector>
+
+#include "support/temp_dir.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+using namespace brimo_stack::quay_tools_host::internal;
+using brimo_stack::CommandResult;
+using quay_test::ReadWholeFile;
+using quay_test::TempSiblingsIn;
+
+mode_t ModeOf(const fs::path& path) {
+  struct stat info {};
+  EXPECT_EQ(::lstat(path.c_str(), &info), 0);
+  return info.st_mode & 07777;
+}
+
+TEST(MakeTempSiblingPath, AppendsMarkerRandomAndClockToTheFullName) {
+  const std::string temp = MakeTempSiblingPath("/w/a.txt").string();
+  const std::string prefix = "/w/a.txt.brimo_stack_tmp_";
+  ASSERT_TRUE(temp.starts_with(prefix)) << temp;
+  const std::string token = temp.substr(prefix.size());
+  const size_t underscore = token.find('_');
+  ASSERT_NE(underscore, std::string::npos) << temp;
+  EXPECT_GT(underscore, 0u);
+  EXPECT_LT(underscore + 1, token.size());
+  EXPECT_EQ(token.find_first_not_of("0123456789_"), std::string::npos) << temp;
+  EXPECT_EQ(token.find('_', underscore + 1), std::string::npos) << temp;
+  EXPECT_NE(MakeUniqueToken(), MakeUniqueToken());
+}
+
+class AtomicWriter : public ::testing::Test {
+ protected:
+  quay_test::TempDir dir_;
+  CommandResult failure_;
+  uint64_t written_ = 0;
+};
+
+TEST_F(AtomicWriter, CreatesParentsAndAnEmptyFileWithTheUsualMode) {
+  const fs::path target = dir_.path() / "x/y/new.txt";
+  ASSERT_TRUE(WriteFileAtomically(target, "", failure_)) << failure_.error->message;
+  EXPECT_EQ(ReadWholeFile(target), "");
+  const mode_t mask = ::umask(022);
+  ::umask(mask);
+  EXPECT_EQ(ModeOf(target), 0666 & ~mask);
+  EXPECT_TRUE(TempSiblingsIn(target.parent_path()).empty());
+}
+
+TEST_F(AtomicWriter, ReplacementKeepsModeAndAccessAcl) {
+  const fs::path target = dir_.WriteFile("keep.txt", "old");
+  ASSERT_EQ(::chmod(target.c_str(), 0640), 0);
+  // A version-2 access ACL: owner rw, user 65534 r, group r, mask r, other none.
+  const unsigned char acl[] = {2, 0, 0, 0,                                //
+                               1, 0, 6, 0, 0xff, 0xff, 0xff, 0xff,        //
+                               2, 0, 4, 0, 0xfe, 0xff, 0, 0,              //
+                               4, 0, 4, 0, 0xff, 0xff, 0xff, 0xff,        //
+                               0x10, 0, 4, 0, 0xff, 0xff, 0xff, 0xff,     //
+                               0x20, 0, 0, 0, 0xff, 0xff, 0xff, 0xff};
+  if (::setxattr(target.c_str(), "system.posix_acl_access", acl, sizeof(acl), 0) != 0) {
+    GTEST_SKIP() << "no POSIX ACLs on this file system: " << std::strerror(errno);
+  }
+  const mode_t mode_with_acl = ModeOf(target);
+  ASSERT_TRUE(WriteFileAtomically(target, "new", failure_)) << failure_.error->message;
+  EXPECT_EQ(ReadWholeFile(target), "new");
+  EXPECT_EQ(ModeOf(target), mode_with_acl);
+  std::vector<unsigned char> copied(128);
+  const ssize_t size = ::getxattr(target.c_str(), "system.posix_acl_access", copied.data(), copied.size());
+  ASSERT_EQ(size, static_cast<ssize_t>(sizeof(acl)));
+  EXPECT_EQ(std::memcmp(copied.data(), acl, sizeof(acl)), 0);
+}
+
+TEST_F(AtomicWriter, ReadOnlyOrDirectoryTargetIsRefusedAndLeavesNothingBehind) {
+  const fs::path read_only = dir_.WriteFile("ro.txt", "old");
+  ASSERT_EQ(::chmod(read_only.c_str(), 0444), 0);
+  ASSERT_FALSE(WriteFileAtomically(read_only, "new", failure_));
+  EXPECT_EQ(failure_.error->message, "FILE_ACCESS_DENIED: target file is read-only");
+  EXPECT_EQ(failure_.error->category, 6);
+  EXPECT_EQ(failure_.error->code, EACCES);
+  EXPECT_EQ(ReadWholeFile(read_only), "old");
+
+  fs::create_directory(dir_.path() / "d");
+  ASSERT_FALSE(WriteFileAtomically(dir_.path() / "d", "x", failure_));
+  EXPECT_EQ(failure_.error->message, "WRITE_FILE_FAILED: atomically replace file failed: Is a directory");
+  EXPECT_TRUE(fs::is_directory(dir_.path() / "d"));
+  EXPECT_TRUE(TempSiblingsIn(dir_.path()).empty());
+}
+
+TEST_F(AtomicWriter, LinkAtTheTargetOrOnTheWayIsRefused) {
+  const fs::path outside = dir_.WriteFile("outside/secret", "s");
+  fs::create_symlink(outside, dir_.path() / "to_file");
+  fs::create_directory_symlink(outside.parent_path(), dir_.path() / "to_dir");
+  for (const fs::path& target : {dir_.path() / "to_file", dir_.path() / "to_dir/secret"}) {
+    ASSERT_FALSE(WriteFileAtomically(target, "pwned", failure_)) << target;
+    EXPECT_TRUE(failure_.error->message.starts_with("INVALID_FILE_PATH: write path contains a reparse point: "));
+  }
+  EXPECT_EQ(ReadWholeFile(outside), "s");
+}
+
+TEST_F(AtomicWriter, ExistingTemporaryNameIsNeverOverwritten) {
+  const fs::path squatter = dir_.WriteFile("t.txt.brimo_stack_tmp_1_1", "mine");
+  ASSERT_FALSE(WriteTempAndReplace(squatter, dir_.path() / "t.txt", "x", failure_));
+  EXPECT_EQ(failure_.error->message, "WRITE_FILE_FAILED: create temporary file failed: File exists");
+  EXPECT_EQ(ReadWholeFile(squatter), "mine");
+  EXPECT_FALSE(fs::exists(dir_.path() / "t.txt"));
+}
+
+TEST_F(AtomicWriter, MoveInCreateModeRefusesAnExistingTarget) {
+  const fs::path temp = dir_.WriteFile("a", "new");
+  const fs::path target = dir_.WriteFile("b", "old");
+  int error = 0;
+  EXPECT_FALSE(MoveFileWithRetry(temp, target, MoveFileMode::kCreate, error));
+  EXPECT_EQ(error, EEXIST);
+  EXPECT_TRUE(MoveFileWithRetry(temp, target, MoveFileMode::kReplace, error));
+  EXPECT_EQ(ReadWholeFile(target), "new");
+}
+
+TEST_F(AtomicWriter, CopyOntoItselfKeepsTheContent) {
+  // Several copy blocks, so that a copy that truncated its source first would lose them.
+  const fs::path file = dir_.WriteFile("same.bin", std::string(200000, 'q'));
+  ASSERT_TRUE(CopyFileAtomically(file, file, FileErrorKind::kWriteFileFailed, written_, failure_));
+  EXPECT_EQ(written_, 200000u);
+  EXPECT_EQ(ReadWholeFile(file), std::string(200000, 'q'));
+  EXPECT_TRUE(TempSiblingsIn(dir_.path()).empty());
+}
+
+TEST_F(AtomicWriter, CopySourceThatIsALinkOrADirectoryIsRefused) {
+  const fs::path real = dir_.WriteFile("real", "r");
+  fs::create_symlink(real, dir_.path() / "link");
+  fs::create_directory(dir_.path() / "dir");
+  for (const fs::path& source : {dir_.path() / "link", dir_.path() / "dir"}) {
+    ASSERT_FALSE(CopyFileAtomically(source, dir_.path() / "out", FileErrorKind::kExportFileFailed, written_, failure_));
+    EXPECT_EQ(failure_.error->message, "EXPORT_FILE_FAILED: local_path must be a regular non-reparse file");
+  }
+  EXPECT_FALSE(fs::exists(dir_.path() / "out"));
+  EXPECT_TRUE(TempSiblingsIn(dir_.path()).empty());
+}
+
+TEST_F(AtomicWriter, AppendToANonRegularTargetIsRefused) {
+  const fs::path real = dir_.WriteFile("real", "r");
+  fs::create_symlink(real, dir_.path() / "link");
+  fs::create_directory(dir_.path() / "dir");
+  ASSERT_EQ(::mkfifo((dir_.path() / "fifo").c_str(), 0600), 0);
+  for (const char* name : {"link", "dir", "fifo"}) {
+    ASSERT_FALSE(AppendBytesToFile(dir_.path() / name, "x", written_, failure_)) << name;
+    EXPECT_EQ(failure_.error->message, "WRITE_FILE_FAILED: append target must be a regular non-reparse file") << name;
+  }
+  EXPECT_EQ(ReadWholeFile(real), "r");
+}
+
+TEST_F(AtomicWriter, AppendOfTheSameFileThroughAHardLinkIsRefusedBeforeAnyByteMoves) {
+  const fs::path file = dir_.WriteFile("one", "data");
+  fs::create_hard_link(file, dir_.path() / "two");
+  ASSERT_FALSE(AppendFileToFile(dir_.path() / "two", file, written_, failure_));
+  EXPECT_EQ(failure_.error->message, "WRITE_FILE_FAILED: local_path and append target must be different files");
+  EXPECT_EQ(ReadWholeFile(file), "data");
+
+  const fs::path other = dir_.WriteFile("other", "+more");
+  ASSERT_TRUE(AppendFileToFile(other, file, written_, failure_));
+  EXPECT_EQ(written_, 5u);
+  EXPECT_EQ(ReadWholeFile(file), "data+more");
+}
+
+}  // namespace
