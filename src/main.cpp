@@ -7,7 +7,7 @@
 #include "brimo_stack/local_runtime/crash/self_managed_crash_handler.h"
 #include "quay_tools_host/quay_tools_host_application.h"
 
-int main() {
+int main(int argc, char** argv) {
   using namespace brimo_stack;
   // Standard output carries the frames: the logger that stands before the configured one may
   // only ever write to standard error.
@@ -15,7 +15,7 @@ int main() {
   local_runtime::IgnoreBrokenPipeSignal();
 
   local_runtime::HostLaunchConfig config;
-  if (!local_runtime::ParseHostCommandLine(config)) {
+  if (!local_runtime::ParseHostCommandLine(argc, argv, config)) {
     return 64;
   }
   local_runtime::SelfManagedCrashHandler crash_handler;

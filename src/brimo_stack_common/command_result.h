@@ -12,10 +12,18 @@
 
 namespace brimo_stack {
 
+// Why a step failed, for the program's own decisions (a mutating command turns a denial into
+// PERMISSION_DENIED); messages are for people and are never parsed. Not on the wire.
+enum class FailureReason : uint8_t {
+  kUnspecified = 0,
+  kAccessDenied = 1,
+};
+
 struct CommandError {
   int32_t category = 0;
   int32_t code = 0;
   std::string message;
+  FailureReason reason = FailureReason::kUnspecified;
 };
 
 // The four shapes an output can take on the wire.
@@ -43,12 +51,14 @@ struct CommandResult {
   std::optional<std::vector<CommandOutput>> outputs;
 
   [[nodiscard]] static CommandResult Success() { return CommandResult{}; }
-  [[nodiscard]] static CommandResult Failure(int32_t category, int32_t code, std::string message) {
+  [[nodiscard]] static CommandResult Failure(int32_t category, int32_t code, std::string message,
+                                             FailureReason reason = FailureReason::kUnspecified) {
     CommandResult result;
     result.ok = false;
-    result.error = CommandError{category, code, std::move(message)};
+    result.error = CommandError{category, code, std::move(message), reason};
     return result;
   }
+  [[nodiscard]] bool HasReason(FailureReason reason) const { return error.has_value() && error->reason == reason; }
 };
 
 // Category numbers shared by every layer.
@@ -66,7 +76,8 @@ inline constexpr int32_t kCategoryRefused = 7;
 // "context failed: <system text>", the text omitted when the system has none.
 [[nodiscard]] std::string FormatSystemError(std::string_view context, int number);
 
-// Category 6 with the system error number as code.
+// The one conversion of a failed system call into a result: category 6, the error number (errno
+// read right after the call, or GetLastError) as code, FormatSystemError as message.
 [[nodiscard]] CommandResult MakeSystemCommandError(std::string_view context, int number);
 
 }  // namespace brimo_stack

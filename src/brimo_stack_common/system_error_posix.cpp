@@ -1,7 +1,6 @@
 // POSIX system error texts from strerror_r.
 #include "brimo_stack_common/system_error.h"
 
-#include <cerrno>
 #include <cstring>
 
 namespace brimo_stack {
@@ -21,7 +20,5 @@ std::string SystemErrorMessage(int number) {
   char buffer[256] = {};
   return std::string(PickMessage(strerror_r(number, buffer, sizeof(buffer)), buffer));
 }
-
-int LastSystemError() { return errno; }
 
 }  // namespace brimo_stack

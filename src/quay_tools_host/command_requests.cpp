@@ -1,7 +1,7 @@
 // Parsing of every method's params into its record, key by key in table order.
 #include "quay_tools_host/command_requests.h"
 
-#include <cmath>
+#include "brimo_stack_common/json_number.h"
 
 namespace brimo_stack::quay_tools_host {
 namespace {
@@ -37,22 +37,22 @@ class ParamsReader {
   }
   void Unsigned64(const char* key, uint64_t& out) const {
     if (const json* v = Find(key)) {
-      out = static_cast<uint64_t>(ReadInteger(*v));
+      out = static_cast<uint64_t>(ReadJsonInteger(*v));
     }
   }
   void OptionalUnsigned64(const char* key, std::optional<uint64_t>& out) const {
     if (const json* v = Find(key); v != nullptr && !v->is_null()) {
-      out = static_cast<uint64_t>(ReadInteger(*v));
+      out = static_cast<uint64_t>(ReadJsonInteger(*v));
     }
   }
   void OptionalSigned64(const char* key, std::optional<int64_t>& out) const {
     if (const json* v = Find(key); v != nullptr && !v->is_null()) {
-      out = ReadInteger(*v);
+      out = ReadJsonInteger(*v);
     }
   }
   void Enum32(const char* key, uint32_t& out) const {
     if (const json* v = Find(key)) {
-      out = static_cast<uint32_t>(static_cast<uint64_t>(ReadInteger(*v)));
+      out = static_cast<uint32_t>(static_cast<uint64_t>(ReadJsonInteger(*v)));
     }
   }
   void StringList(const char* key, std::vector<std::string>& out) const {
@@ -101,28 +101,6 @@ class ParamsReader {
       ThrowTypeError(value, "boolean");
     }
     return value.get<bool>();
-  }
-
-  // Any JSON number: a fraction is cut towards zero, a negative integer keeps its bits so that
-  // an unsigned reader sees it wrapped modulo 2^64. Booleans are not numbers here.
-  static int64_t ReadInteger(const json& value) {
-    if (value.is_number_unsigned()) {
-      return static_cast<int64_t>(value.get<uint64_t>());
-    }
-    if (value.is_number_integer()) {
-      return value.get<int64_t>();
-    }
-    if (value.is_number_float()) {
-      const double number = std::trunc(value.get<double>());
-      if (number >= 0x1p63 && number < 0x1p64) {
-        return static_cast<int64_t>(static_cast<uint64_t>(number));
-      }
-      if (!(number > -0x1p63 && number < 0x1p63)) {
-        return number < 0 ? INT64_MIN : INT64_MAX;
-      }
-      return static_cast<int64_t>(number);
-    }
-    ThrowTypeError(value, "number");
   }
 
   [[noreturn]] static void ThrowTypeError(const json& value, const char* expected) {

@@ -2,6 +2,7 @@
 #include "quay_tools_host/quay_tools_host_application.h"
 
 #include "brimo_stack/local_runtime/ipc/json_line_channel.h"
+#include "brimo_stack/local_runtime/logging/host_logger.h"
 #include "brimo_stack/local_runtime/logging/structured_log.h"
 #include "quay_tools_host/file_command_service.h"
 #include "quay_tools_host/quay_tools_host_rpc_endpoint.h"

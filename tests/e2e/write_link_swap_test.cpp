@@ -10,6 +10,7 @@
 #include <thread>
 
 #include "quay_tools_host/writes/atomic_file_writer.h"
+#include "quay_tools_host/writes/file_append.h"
 #include "support/temp_dir.h"
 
 namespace {
@@ -48,15 +49,14 @@ TEST(WriteLinkSwap, NoWriteLandsBehindTheLink) {
   int refused = 0;
   for (int write = 0; !stop.load(); ++write) {
     const fs::path target = root / "work/sub" / (std::to_string(write) + ".txt");
-    CommandResult failure;
     uint64_t appended = 0;
-    const bool ok = write % 2 == 0 ? WriteFileAtomically(target, "whole", failure)
-                                   : AppendBytesToFile(target, "tail", appended, failure);
-    if (ok) {
+    const CommandResult written =
+        write % 2 == 0 ? WriteFileAtomically(target, "whole") : AppendBytesToFile(target, "tail", appended);
+    if (written.ok) {
       ++succeeded;
     } else {
       ++refused;
-      EXPECT_TRUE(IsAllowedFailure(failure.error->message)) << failure.error->message;
+      EXPECT_TRUE(IsAllowedFailure(written.error->message)) << written.error->message;
     }
   }
   swapper.join();

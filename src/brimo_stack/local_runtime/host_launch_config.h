@@ -1,4 +1,4 @@
-// The launch configuration of the host, its command line, and the logger it asks for.
+// The launch configuration of the host and its command line.
 #pragma once
 
 #include <cstdint>
@@ -38,21 +38,13 @@ struct HostLaunchConfig {
 inline constexpr std::string_view kHostConfigOption = "--brimo-stack-host-config";
 inline constexpr size_t kMaxLaunchConfigBytes = 16384;
 
-// Reads the process's own arguments; false for every refusal, leaving `config` untouched.
-[[nodiscard]] bool ParseHostCommandLine(HostLaunchConfig& config);
+// The arguments `main` was given; false for every refusal, leaving `config` untouched.
+[[nodiscard]] bool ParseHostCommandLine(int argc, const char* const* argv, HostLaunchConfig& config);
 
 // The checks of ParseHostCommandLine over an argument vector (program name first).
 [[nodiscard]] bool ParseHostArguments(const std::vector<std::string>& arguments, HostLaunchConfig& config);
 
 // `text` is the UTF-8 launch JSON. A refused text leaves `config` as it was.
 [[nodiscard]] bool ParseHostLaunchConfig(std::string_view text, HostLaunchConfig& config);
-
-// The program's arguments as UTF-8 strings, program name first; empty when they can't be read.
-[[nodiscard]] std::vector<std::string> ReadProgramArguments();
-
-// Installs the rotating file logger as the process default, or the silent one. Never throws.
-void ConfigureHostLogger(std::string_view host, const HostLogConfig& config);
-void DisableHostLogger();
-[[nodiscard]] std::string MakeHostLogFileName(std::string_view host);
 
 }  // namespace brimo_stack::local_runtime

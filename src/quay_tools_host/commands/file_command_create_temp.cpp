@@ -2,7 +2,7 @@
 #include <filesystem>
 #include <system_error>
 
-#include "brimo_stack_common/string_util.h"
+#include "brimo_stack_common/base64.h"
 #include "quay_tools_host/writes/atomic_file_writer.h"
 #include "quay_tools_host/file_command_service.h"
 #include "quay_tools_host/files/file_errors.h"
@@ -48,9 +48,9 @@ CommandResult FileCommandService::CreateTempFile(const FileCreateTempRequest& re
   if (!parents.ok) {
     return parents;
   }
-  CommandResult failure;
-  if (!internal::WriteTempAndReplace(internal::MakeTempSiblingPath(final_path), final_path, bytes, failure, root)) {
-    return failure;
+  CommandResult written = internal::WriteTempAndReplace(internal::MakeTempSiblingPath(final_path), final_path, bytes, root);
+  if (!written.ok) {
+    return written;
   }
   std::error_code error;
   const std::filesystem::path canonical_final = std::filesystem::weakly_canonical(final_path, error);

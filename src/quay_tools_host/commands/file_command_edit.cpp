@@ -1,41 +1,23 @@
 // file_edit: replaces an exact piece of a UTF-8 file, once or everywhere, by an atomic rewrite.
 #include <filesystem>
 
-#include "quay_tools_host/writes/atomic_file_writer.h"
-#include "quay_tools_host/policy/file_access_policy.h"
-#include "quay_tools_host/commands/existing_file_entry.h"
-#include "quay_tools_host/file_command_service.h"
-#include "quay_tools_host/files/file_errors.h"
-#include "quay_tools_host/files/file_paths.h"
-#include "quay_tools_host/files/file_read_primitives.h"
-#include "quay_tools_host/files/file_text.h"
+#include "quay_tools_host/commands/editable_file.h"
 #include "quay_tools_host/edits/text_edit.h"
+#include "quay_tools_host/file_command_service.h"
+#include "quay_tools_host/files/read_line_numbers.h"
 
 namespace brimo_stack::quay_tools_host {
-namespace {
-
-using internal::FileMutationErrorKind;
-
-CommandResult MapFileMissing(CommandResult result) {
-  return internal::MapMutationFailure(std::move(result), FileMutationErrorKind::kFileNotFound);
-}
-
-}  // namespace
 
 CommandResult FileCommandService::Edit(const FileEditRequest& request) {
   if (request.old_content.empty()) {
     return CommandResult::Failure(kCategoryRefused, 1, "INVALID_OLD_STRING: old_content is empty");
   }
   std::filesystem::path real;
-  CommandResult allowed = internal::ResolveExistingFileUnderPolicy(
-      request.base_cwd, request.path, request.policy, /*for_write=*/true, FileMutationErrorKind::kFileNotFound, real);
-  if (!allowed.ok) {
-    return allowed;
-  }
   std::string text;
-  CommandResult loaded = internal::ReadValidatedUtf8File(real, text, internal::kEditableFileLimit);
+  CommandResult loaded = internal::LoadEditableFile(request.base_cwd, request.path, request.policy,
+                                                    internal::kEditableFileLimit, real, text);
   if (!loaded.ok) {
-    return MapFileMissing(std::move(loaded));
+    return loaded;
   }
   // Each side is recognised on its own: a numbered new_content loses its numbers either way.
   std::string old_stripped;
@@ -55,9 +37,9 @@ CommandResult FileCommandService::Edit(const FileEditRequest& request) {
   if (!replaced.ok) {
     return replaced;
   }
-  CommandResult failure;
-  if (!internal::WriteFileAtomically(real, text, failure)) {
-    return MapFileMissing(std::move(failure));
+  CommandResult written = internal::RewriteEditableFile(real, text);
+  if (!written.ok) {
+    return written;
   }
   return MakeJsonOutputResult(nlohmann::json{{"replacements", replacements}});
 }

@@ -71,12 +71,12 @@ CommandResult FileCommandService::Export(const FileExportRequest& request) {
     return rooted;
   }
   uint64_t bytes_written = 0;
-  CommandResult copy_failure;
   // The no-link rule of the copy starts at the runtime artifact root, as the checks above did:
   // a temporary directory reached through a link above it is the system's, not the agent's.
-  if (!internal::CopyFileAtomically(real, target, FileErrorKind::kExportFileFailed, bytes_written, copy_failure,
-                                    export_root.parent_path())) {
-    return copy_failure;
+  CommandResult copied = internal::CopyFileAtomically(real, target, FileErrorKind::kExportFileFailed, bytes_written,
+                                                      export_root.parent_path());
+  if (!copied.ok) {
+    return copied;
   }
   // The copy stays: it is in place, but a link swapped in after the rename must not be reported
   // as the exported file.

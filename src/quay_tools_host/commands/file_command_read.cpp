@@ -42,9 +42,11 @@ CommandResult FileCommandService::Read(const FileReadRequest& request) {
   WaitUntilChangeTimeIsPast(before);
 
   CachedReadFile file;
-  if (!OpenCachedReadHandle(real, file, step)) return step;
+  step = OpenCachedReadHandle(real, file);
+  if (!step.ok) return step;
   file.size = before.size;
-  if (!IsOpenedFileTheSnapshot(file, before)) return Changed();
+  step = CheckOpenedFileIsTheSnapshot(file, before);
+  if (!step.ok) return step;
   LineScanState scan;
   step = FileLineScan(file, offset + 1, scan);
   if (!step.ok) return step;

@@ -2,12 +2,13 @@
 #include <filesystem>
 
 #include "quay_tools_host/writes/atomic_file_writer.h"
+#include "quay_tools_host/writes/file_append.h"
 #include "quay_tools_host/policy/file_access_policy.h"
 #include "quay_tools_host/commands/existing_file_entry.h"
 #include "quay_tools_host/file_command_service.h"
 #include "quay_tools_host/files/file_errors.h"
 #include "quay_tools_host/files/file_paths.h"
-#include "quay_tools_host/files/file_text.h"
+#include "quay_tools_host/files/read_line_numbers.h"
 #include "quay_tools_host/writes/write_path_checks.h"
 
 namespace brimo_stack::quay_tools_host {
@@ -28,13 +29,12 @@ CommandResult WriteLocalFile(const FileWriteRequest& request, const std::filesys
   if (!readable.ok) {
     return readable;
   }
-  CommandResult failure;
-  const bool written =
-      request.append ? internal::AppendFileToFile(local_real, real, bytes_written, failure)
+  CommandResult written =
+      request.append ? internal::AppendFileToFile(local_real, real, bytes_written)
                      : internal::CopyFileAtomically(local_real, real, internal::FileErrorKind::kWriteFileFailed,
-                                                    bytes_written, failure);
-  if (!written) {
-    return MapParentMissing(std::move(failure));
+                                                    bytes_written);
+  if (!written.ok) {
+    return MapParentMissing(std::move(written));
   }
   return MapParentMissing(internal::CheckWritePathComponents(real, {}));
 }
@@ -44,15 +44,16 @@ CommandResult WriteContent(const FileWriteRequest& request, const std::filesyste
   std::string stripped;
   const std::string_view text =
       internal::TryStripReadLineNumbers(*request.content, stripped) ? stripped : std::string_view(*request.content);
-  CommandResult failure;
   if (request.append) {
-    if (!internal::AppendBytesToFile(real, text, bytes_written, failure)) {
-      return MapParentMissing(std::move(failure));
+    CommandResult appended = internal::AppendBytesToFile(real, text, bytes_written);
+    if (!appended.ok) {
+      return MapParentMissing(std::move(appended));
     }
     return MapParentMissing(internal::CheckWritePathComponents(real, {}));
   }
-  if (!internal::WriteFileAtomically(real, text, failure)) {
-    return MapParentMissing(std::move(failure));
+  CommandResult written = internal::WriteFileAtomically(real, text);
+  if (!written.ok) {
+    return MapParentMissing(std::move(written));
   }
   bytes_written = text.size();
   return CommandResult::Success();

@@ -56,15 +56,19 @@ bool IsNotFoundErrorCode(const std::error_code& error) {
 }
 
 CommandResult MakeFileError(FileErrorKind kind, int32_t category, int32_t code, std::string_view text) {
-  std::string message;
   if (IsAccessDeniedFailure(category, code)) {
-    message = kFileAccessDeniedPrefix;
-  } else {
-    message = FileErrorCode(kind);
-    message += ": ";
+    return CommandResult::Failure(category, code, std::string(kFileAccessDeniedPrefix) + std::string(text),
+                                  FailureReason::kAccessDenied);
   }
+  std::string message(FileErrorCode(kind));
+  message += ": ";
   message += text;
   return CommandResult::Failure(category, code, std::move(message));
+}
+
+CommandResult MakeFileError(FileErrorKind kind, const CommandResult& system_failure) {
+  const CommandError& error = *system_failure.error;
+  return MakeFileError(kind, error.category, error.code, error.message);
 }
 
 CommandResult MakeFileMutationError(FileMutationErrorKind kind, std::string_view text) {
@@ -75,7 +79,8 @@ CommandResult MakeFileMutationError(FileMutationErrorKind kind, std::string_view
 CommandResult MakeFileErrorFromErrorCode(FileErrorKind kind, std::string_view stage, const std::error_code& error) {
   std::string text = fmt::format("{} failed: {}", stage, error.message());
   if (IsAccessDeniedErrorCode(error)) {
-    return CommandResult::Failure(kCategorySystem, error.value(), std::string(kFileAccessDeniedPrefix) + text);
+    return CommandResult::Failure(kCategorySystem, error.value(), std::string(kFileAccessDeniedPrefix) + text,
+                                  FailureReason::kAccessDenied);
   }
   return MakeFileError(kind, kCategorySystem, error.value(), text);
 }
@@ -90,7 +95,7 @@ CommandResult MapMutationFailure(CommandResult result, FileMutationErrorKind not
     return result;
   }
   const CommandError& error = *result.error;
-  if (IsAccessDeniedFailure(error.category, error.code) || error.message.starts_with("FILE_ACCESS_DENIED:")) {
+  if (IsAccessDeniedFailure(error.category, error.code) || error.reason == FailureReason::kAccessDenied) {
     return MakeFileMutationError(FileMutationErrorKind::kPermissionDenied, error.message);
   }
   if (not_found_kind != FileMutationErrorKind::kNone && IsNotFoundFailure(error.category, error.code)) {

@@ -37,8 +37,11 @@ enum class FileMutationErrorKind : int32_t {
 [[nodiscard]] std::string_view FileMutationErrorName(FileMutationErrorKind kind);
 [[nodiscard]] int32_t FileMutationErrorCode(FileMutationErrorKind kind);
 
-// "<HEAD>: text", or "FILE_ACCESS_DENIED: text" when category and code say denied.
+// "<HEAD>: text", or "FILE_ACCESS_DENIED: text" (with the reason kAccessDenied) when category
+// and code say denied.
 [[nodiscard]] CommandResult MakeFileError(FileErrorKind kind, int32_t category, int32_t code, std::string_view text);
+// A failed system call, as MakeSystemCommandError built it, under the kind's head word.
+[[nodiscard]] CommandResult MakeFileError(FileErrorKind kind, const CommandResult& system_failure);
 // "<MUTATION_NAME>: text", category 7, code 1000 to 1005.
 [[nodiscard]] CommandResult MakeFileMutationError(FileMutationErrorKind kind, std::string_view text);
 // "stage failed: <message of the code>", category 6.
@@ -47,8 +50,8 @@ enum class FileMutationErrorKind : int32_t {
 // As above with " '<path>'" behind the stage.
 [[nodiscard]] CommandResult MakeFileErrorForPath(FileErrorKind kind, std::string_view stage,
                                                  const std::filesystem::path& path, const std::error_code& error);
-// Turns a denied failure into PERMISSION_DENIED and, for a kind other than kNone, a missing
-// one into that kind; everything else stands.
+// Turns a denied failure (by its numbers or its reason) into PERMISSION_DENIED and, for a kind
+// other than kNone, a missing one into that kind; everything else stands.
 [[nodiscard]] CommandResult MapMutationFailure(CommandResult result, FileMutationErrorKind not_found_kind);
 
 [[nodiscard]] bool IsAccessDeniedFailure(int32_t category, int32_t code);

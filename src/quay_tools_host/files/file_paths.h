@@ -34,7 +34,4 @@ namespace brimo_stack::quay_tools_host::internal {
 [[nodiscard]] CommandResult RequireSearchRoot(std::string_view base_cwd, std::string_view path,
                                               std::filesystem::path& real);
 
-// The real path of an open handle, as the kernel names it now.
-[[nodiscard]] bool RealPathOfHandle(std::intptr_t handle, std::filesystem::path& out);
-
 }  // namespace brimo_stack::quay_tools_host::internal

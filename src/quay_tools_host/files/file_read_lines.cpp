@@ -7,7 +7,8 @@
 #include "brimo_stack_common/byte_vector.h"
 #include "quay_tools_host/files/file_errors.h"
 #include "quay_tools_host/files/file_paths.h"
-#include "quay_tools_host/files/file_text.h"
+#include "brimo_stack_common/utf8.h"
+#include "quay_tools_host/files/read_line_numbers.h"
 
 namespace brimo_stack::quay_tools_host::internal {
 namespace {
@@ -140,6 +141,12 @@ void Consume(BufferedFileCursor& cursor, ReadLine& line, size_t count, uint64_t 
 }
 
 }  // namespace
+
+uint64_t JsonEscapedCost(std::string_view text) {
+  uint64_t cost = 0;
+  for (const char c : text) cost += JsonEscapedByteCost(static_cast<unsigned char>(c));
+  return cost;
+}
 
 CommandResult FileLineScan(const CachedReadFile& file, uint64_t target_line, LineScanState& state) {
   state = LineScanState{};

@@ -3,6 +3,7 @@
 
 #include <cstdint>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "brimo_stack_common/command_result.h"
@@ -13,6 +14,16 @@ namespace brimo_stack::quay_tools_host::internal {
 // The payload budget of one frame, 64 KiB below the frame limit.
 inline constexpr uint64_t kFileReadResponseBudget = 0xFF0000;
 inline constexpr uint64_t kFileReadBufferSize = 65536;
+
+// Bytes one input byte takes inside a JSON string: 2 for the short escapes, 6 for other
+// control characters, 1 otherwise.
+[[nodiscard]] constexpr uint64_t JsonEscapedByteCost(unsigned char byte) {
+  switch (byte) {
+    case '\b': case '\t': case '\n': case '\f': case '\r': case '"': case '\\': return 2;
+    default: return byte < 0x20 ? 6 : 1;
+  }
+}
+[[nodiscard]] uint64_t JsonEscapedCost(std::string_view text);
 
 struct ReadPosition {
   uint64_t byte_offset = 0;

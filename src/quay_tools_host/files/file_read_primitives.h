@@ -3,15 +3,12 @@
 
 #include <cstdint>
 #include <filesystem>
+#include <memory>
 #include <string>
 
 #include "brimo_stack_common/command_result.h"
 
 namespace brimo_stack::quay_tools_host::internal {
-
-// A descriptor on POSIX, a HANDLE on Win32; all bits set is the invalid value on both.
-using NativeFileHandle = std::intptr_t;
-inline constexpr NativeFileHandle kInvalidFileHandle = -1;
 
 inline constexpr uint64_t kFileBlockSize = 65536;
 
@@ -32,24 +29,26 @@ struct FileSnapshot {
   friend bool operator==(const FileSnapshot&, const FileSnapshot&) = default;
 };
 
+// The platform's open file of a read, defined by the platform layer: a descriptor owner on
+// POSIX, a handle owner on Win32.
+struct OpenReadFile;
+struct OpenReadFileCloser {
+  void operator()(OpenReadFile* file) const noexcept;
+};
+
 // One open read handle and the size measured before it was opened; readers never go past
 // `size`, so a file that grows during a read is not seen growing.
 struct CachedReadFile {
-  CachedReadFile() = default;
-  ~CachedReadFile() { Close(); }
-  CachedReadFile(const CachedReadFile&) = delete;
-  CachedReadFile& operator=(const CachedReadFile&) = delete;
-
-  void Close();
+  [[nodiscard]] bool is_open() const { return handle != nullptr; }
+  void Close() { handle.reset(); }
 
   std::filesystem::path path;
-  NativeFileHandle handle = kInvalidFileHandle;
+  std::unique_ptr<OpenReadFile, OpenReadFileCloser> handle;
   uint64_t size = 0;
 };
 
 // Opens `path` for reading with full sharing into `file` (closing what it held).
-[[nodiscard]] bool OpenCachedReadHandle(const std::filesystem::path& path, CachedReadFile& file,
-                                        CommandResult& failure);
+[[nodiscard]] CommandResult OpenCachedReadHandle(const std::filesystem::path& path, CachedReadFile& file);
 // One read of at most `count` bytes at the current position.
 [[nodiscard]] CommandResult ReadCached(const CachedReadFile& file, char* buffer, uint64_t count,
                                        uint64_t& bytes_read);
@@ -63,9 +62,9 @@ struct CachedReadFile {
 // time, and a read that starts in that tick could not tell them apart.
 void WaitUntilChangeTimeIsPast(const FileSnapshot& snapshot);
 
-// True when the open handle is the file of `snapshot` and still sits at `file.path`: a link
-// or a rename slipped in between the checks and the open is caught here.
-[[nodiscard]] bool IsOpenedFileTheSnapshot(const CachedReadFile& file, const FileSnapshot& snapshot);
+// Success when the open handle is the file of `snapshot` and still sits at `file.path`: a link
+// or a rename slipped in between the checks and the open is caught here, as a changed file.
+[[nodiscard]] CommandResult CheckOpenedFileIsTheSnapshot(const CachedReadFile& file, const FileSnapshot& snapshot);
 
 // Loads a whole file of at most `limit` bytes that must be valid UTF-8.
 [[nodiscard]] CommandResult ReadValidatedUtf8File(const std::filesystem::path& path, std::string& text,

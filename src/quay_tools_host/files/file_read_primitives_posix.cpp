@@ -13,11 +13,21 @@
 #include <fmt/format.h>
 
 #include "brimo_stack_common/large_buffer.h"
+#include "brimo_stack_common/posix/proc_files.h"
+#include "brimo_stack_common/posix/retry_on_eintr.h"
+#include "brimo_stack_common/posix/scoped_fd.h"
 #include "quay_tools_host/files/file_errors.h"
 #include "quay_tools_host/files/file_paths.h"
-#include "quay_tools_host/files/file_text.h"
+#include "brimo_stack_common/utf8.h"
 
 namespace brimo_stack::quay_tools_host::internal {
+
+struct OpenReadFile {
+  ScopedFd fd;
+};
+
+void OpenReadFileCloser::operator()(OpenReadFile* file) const noexcept { delete file; }
+
 namespace {
 
 constexpr uint64_t kTicksPerSecond = 10'000'000;
@@ -26,10 +36,6 @@ constexpr uint64_t kMaxReadCount = 0xFFFFFFFFull;
 constexpr uint64_t kMaxSeekOffset = uint64_t{1} << 63;
 // Far above any clock tick; a change time in the future (a clock set back) must not hang us.
 constexpr uint64_t kMaxChangeTimeWaitNs = 50'000'000;
-
-int StatPath(const std::filesystem::path& path, struct stat& info) {
-  return ::stat(path.c_str(), &info) == 0 ? 0 : errno;
-}
 
 uint64_t ChangeTimeOf(const struct stat& info) {
   return static_cast<uint64_t>(info.st_ctim.tv_sec) * kNanosecondsPerSecond +
@@ -42,13 +48,15 @@ uint64_t CoarseNowNs() {
   return static_cast<uint64_t>(now.tv_sec) * kNanosecondsPerSecond + static_cast<uint64_t>(now.tv_nsec);
 }
 
-int OpenForRead(const std::filesystem::path& path) {
+ScopedFd OpenForRead(const std::filesystem::path& path) {
   // O_NONBLOCK: a FIFO put in place of the file after its checks must not block the host.
-  int fd;
-  do {
-    fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK);
-  } while (fd < 0 && errno == EINTR);
-  return fd;
+  return ScopedFd(RetryOnEintr([&] { return ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK); }));
+}
+
+int DescriptorOf(const CachedReadFile& file) { return file.is_open() ? file.handle->fd.get() : -1; }
+
+CommandResult ReadFailure(std::string_view stage, int error) {
+  return MakeFileError(FileErrorKind::kReadFileFailed, MakeSystemCommandError(stage, error));
 }
 
 CommandResult EditableTooLarge(uint64_t limit, const std::filesystem::path& path) {
@@ -58,61 +66,46 @@ CommandResult EditableTooLarge(uint64_t limit, const std::filesystem::path& path
 
 }  // namespace
 
-void CachedReadFile::Close() {
-  if (handle != kInvalidFileHandle) {
-    ::close(static_cast<int>(handle));
-    handle = kInvalidFileHandle;
-  }
-}
-
-bool OpenCachedReadHandle(const std::filesystem::path& path, CachedReadFile& file, CommandResult& failure) {
+CommandResult OpenCachedReadHandle(const std::filesystem::path& path, CachedReadFile& file) {
   // Nothing on POSIX is a transient open failure: one attempt.
   file.Close();
   file.path = path;
-  const int fd = OpenForRead(path);
-  if (fd < 0) {
-    const int error = errno;
-    failure = MakeFileError(FileErrorKind::kReadFileFailed, kCategorySystem, error, FormatSystemError("open file", error));
-    return false;
+  ScopedFd fd = OpenForRead(path);
+  if (!fd.valid()) {
+    return ReadFailure("open file", errno);
   }
-  ::posix_fadvise(fd, 0, 0, POSIX_FADV_SEQUENTIAL);
-  file.handle = fd;
-  return true;
+  ::posix_fadvise(fd.get(), 0, 0, POSIX_FADV_SEQUENTIAL);
+  file.handle.reset(new OpenReadFile{std::move(fd)});
+  return CommandResult::Success();
 }
 
 CommandResult ReadCached(const CachedReadFile& file, char* buffer, uint64_t count, uint64_t& bytes_read) {
   bytes_read = 0;
-  if (file.handle == kInvalidFileHandle || count > kMaxReadCount) {
+  if (!file.is_open() || count > kMaxReadCount) {
     return MakeFileError(FileErrorKind::kReadFileFailed, kCategoryInternal, 0, "invalid cached read handle or read size");
   }
-  ssize_t n;
-  do {
-    n = ::read(static_cast<int>(file.handle), buffer, static_cast<size_t>(count));
-  } while (n < 0 && errno == EINTR);
+  const ssize_t n = RetryOnEintr([&] { return ::read(DescriptorOf(file), buffer, static_cast<size_t>(count)); });
   if (n < 0) {
-    const int error = errno;
-    return MakeFileError(FileErrorKind::kReadFileFailed, kCategorySystem, error, FormatSystemError("read file", error));
+    return ReadFailure("read file", errno);
   }
   bytes_read = static_cast<uint64_t>(n);
   return CommandResult::Success();
 }
 
 CommandResult SeekCached(const CachedReadFile& file, uint64_t offset) {
-  if (file.handle == kInvalidFileHandle || offset >= kMaxSeekOffset) {
+  if (!file.is_open() || offset >= kMaxSeekOffset) {
     return MakeFileError(FileErrorKind::kReadFileFailed, kCategoryInternal, 0, "invalid cached read handle or seek offset");
   }
-  if (::lseek(static_cast<int>(file.handle), static_cast<off_t>(offset), SEEK_SET) < 0) {
-    const int error = errno;
-    return MakeFileError(FileErrorKind::kReadFileFailed, kCategorySystem, error, FormatSystemError("seek file", error));
+  if (::lseek(DescriptorOf(file), static_cast<off_t>(offset), SEEK_SET) < 0) {
+    return ReadFailure("seek file", errno);
   }
   return CommandResult::Success();
 }
 
 CommandResult ReadFileIdentity(const std::filesystem::path& path, FileIdentity& identity) {
   struct stat info {};
-  if (const int error = StatPath(path, info); error != 0) {
-    return MakeFileError(FileErrorKind::kReadFileFailed, kCategorySystem, error,
-                         FormatSystemError("inspect file identity", error));
+  if (::stat(path.c_str(), &info) != 0) {
+    return ReadFailure("inspect file identity", errno);
   }
   identity.volume_serial = static_cast<uint64_t>(info.st_dev);
   identity.file_index = static_cast<uint64_t>(info.st_ino);
@@ -124,9 +117,9 @@ CommandResult TakeFileSnapshot(const std::filesystem::path& path, FileSnapshot& 
   // One stat gives size and modification time together, so the "get file modification
   // time" stage of the two-call platforms has no failure of its own here.
   struct stat info {};
-  if (const int error = StatPath(path, info); error != 0) {
+  if (::stat(path.c_str(), &info) != 0) {
     return MakeFileErrorFromErrorCode(FileErrorKind::kReadFileFailed, "get file size",
-                                      std::error_code(error, std::generic_category()));
+                                      std::error_code(errno, std::generic_category()));
   }
   FileIdentity identity;
   CommandResult identified = ReadFileIdentity(path, identity);
@@ -139,15 +132,28 @@ CommandResult TakeFileSnapshot(const std::filesystem::path& path, FileSnapshot& 
   return CommandResult::Success();
 }
 
-bool IsOpenedFileTheSnapshot(const CachedReadFile& file, const FileSnapshot& snapshot) {
+CommandResult CheckOpenedFileIsTheSnapshot(const CachedReadFile& file, const FileSnapshot& snapshot) {
+  const CommandResult changed = CommandResult::Failure(kCategoryRefused, 1, "file changed while it was being read");
   struct stat info {};
-  if (file.handle == kInvalidFileHandle || ::fstat(static_cast<int>(file.handle), &info) != 0) return false;
+  if (!file.is_open() || ::fstat(DescriptorOf(file), &info) != 0) return changed;
   const FileSnapshot opened{static_cast<uint64_t>(info.st_size),
                             static_cast<uint64_t>(info.st_mtim.tv_sec) * kTicksPerSecond,
                             static_cast<uint64_t>(info.st_dev), static_cast<uint64_t>(info.st_ino),
                             ChangeTimeOf(info)};
-  std::filesystem::path where;
-  return opened == snapshot && RealPathOfHandle(file.handle, where) && where.native() == file.path.native();
+  if (opened != snapshot) return changed;
+  constexpr std::string_view kStage = "resolve opened file path";
+  std::string where;
+  if (!ReadDescriptorPath(DescriptorOf(file), kStage, where).ok) {
+    // Without /proc the open file can't be named, and that must not pass for a change.
+    if (CommandResult proc = RequireProcFileSystem(kStage); !proc.ok) {
+      return MakeFileError(FileErrorKind::kReadFileFailed, proc);
+    }
+    return changed;
+  }
+  return NormalizeFilePath(std::filesystem::path(std::move(where)), /*force_long=*/false).native() ==
+                 file.path.native()
+             ? CommandResult::Success()
+             : changed;
 }
 
 void WaitUntilChangeTimeIsPast(const FileSnapshot& snapshot) {
@@ -167,20 +173,20 @@ void WaitUntilChangeTimeIsPast(const FileSnapshot& snapshot) {
 
 CommandResult ReadValidatedUtf8File(const std::filesystem::path& path, std::string& text, uint64_t limit) {
   struct stat info {};
-  if (const int error = StatPath(path, info); error != 0) {
+  if (::stat(path.c_str(), &info) != 0) {
     return MakeFileErrorFromErrorCode(FileErrorKind::kReadFileFailed, "get file size",
-                                      std::error_code(error, std::generic_category()));
+                                      std::error_code(errno, std::generic_category()));
   }
   const auto size = static_cast<uint64_t>(info.st_size);
   if (limit < size) return EditableTooLarge(limit, path);
-  const int fd = OpenForRead(path);
-  if (fd < 0) {
+  ScopedFd fd = OpenForRead(path);
+  if (!fd.valid()) {
     const int error = errno;
     return MakeFileError(FileErrorKind::kReadFileFailed, kCategorySystem, error,
                          FormatSystemError("open file", error) + ": " + PathToUtf8(path));
   }
   CachedReadFile file;
-  file.handle = fd;
+  file.handle.reset(new OpenReadFile{std::move(fd)});
   text.clear();
   ReserveLargeString(text, static_cast<size_t>(size));
   std::string block(kFileBlockSize, '\0');

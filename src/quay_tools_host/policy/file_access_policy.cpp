@@ -121,7 +121,8 @@ CommandResult CheckFileAccess(const FileAccessPolicy& policy, std::string_view p
     }
     const std::string_view head = read_only ? "FILE_ACCESS_DENIED: matched read-only pattern: "
                                             : "FILE_ACCESS_DENIED: matched blacklist pattern: ";
-    return CommandResult::Failure(kCategoryRefused, kPolicyDeniedCode, std::string(head) + deny.raw);
+    return CommandResult::Failure(kCategoryRefused, kPolicyDeniedCode, std::string(head) + deny.raw,
+                                  FailureReason::kAccessDenied);
   }
   if (policy.allow.empty()) {
     if (!policy.require_whitelist) return CommandResult::Success();
@@ -131,7 +132,7 @@ CommandResult CheckFileAccess(const FileAccessPolicy& policy, std::string_view p
     }
   }
   return CommandResult::Failure(kCategoryRefused, kPolicyDeniedCode,
-                                "FILE_ACCESS_DENIED: did not match any whitelist pattern");
+                                "FILE_ACCESS_DENIED: did not match any whitelist pattern", FailureReason::kAccessDenied);
 }
 
 CommandResult CheckRequestPathAccess(const FileAccessPolicyConfig& config, const std::filesystem::path& logical_path,

@@ -1,7 +1,7 @@
 // The policy normal form on POSIX: '/' is the only separator and case folds in ASCII only.
 #include "quay_tools_host/policy/file_access_policy.h"
 
-#include "brimo_stack_common/string_util.h"
+#include "brimo_stack_common/ascii_text.h"
 
 namespace brimo_stack::quay_tools_host::internal::policy_platform {
 

@@ -4,7 +4,7 @@
 #include <spdlog/spdlog.h>
 
 #include "brimo_stack/local_runtime/process_environment.h"
-#include "brimo_stack_common/string_util.h"
+#include "brimo_stack_common/log_summary.h"
 #include "quay_tools_host/files/file_errors.h"
 #include "quay_tools_host/files/file_paths.h"
 

@@ -25,28 +25,20 @@ std::filesystem::path MakeTempSiblingPath(const std::filesystem::path& target) {
   return std::filesystem::path(std::move(text));
 }
 
-bool WriteFileAtomically(const std::filesystem::path& target, std::string_view bytes, CommandResult& failure) {
+CommandResult WriteFileAtomically(const std::filesystem::path& target, std::string_view bytes) {
   CommandResult parents = EnsureWritePathParents(target, {});
   if (!parents.ok) {
-    failure = std::move(parents);
-    return false;
+    return parents;
   }
   std::error_code error;
   if (std::filesystem::status(target, error).type() == std::filesystem::file_type::none) {
-    failure = MakeFileError(FileErrorKind::kWriteFileFailed, kCategorySystem, error.value(),
-                            FormatSystemError("inspect target file", error.value()));
-    return false;
+    return MakeFileError(FileErrorKind::kWriteFileFailed, MakeSystemCommandError("inspect target file", error.value()));
   }
-  const std::filesystem::path temp = MakeTempSiblingPath(target);
-  if (!WriteTempAndReplace(temp, target, bytes, failure)) {
-    return false;
+  CommandResult written = WriteTempAndReplace(MakeTempSiblingPath(target), target, bytes);
+  if (!written.ok) {
+    return written;
   }
-  CommandResult rewalk = CheckWritePathComponents(target, {});
-  if (!rewalk.ok) {
-    failure = std::move(rewalk);
-    return false;
-  }
-  return true;
+  return CheckWritePathComponents(target, {});
 }
 
 }  // namespace brimo_stack::quay_tools_host::internal

@@ -1,4 +1,4 @@
-// Whole-file writes through a sibling temporary file and one rename, and appends in place.
+// Whole-file writes through a sibling temporary file and one rename.
 #pragma once
 
 #include <cstdint>
@@ -23,42 +23,26 @@ inline constexpr size_t kCopyBlockBytes = 65536;
 
 // Walk, temporary file, rename, walk again. A failure of the second walk is reported although
 // the content is in place: the path changed under the write.
-[[nodiscard]] bool WriteFileAtomically(const std::filesystem::path& target, std::string_view bytes,
-                                       CommandResult& failure);
+[[nodiscard]] CommandResult WriteFileAtomically(const std::filesystem::path& target, std::string_view bytes);
 
-// Creates `temp` exclusively, writes and flushes it, then CommitTempFile. `root`, when given,
-// is where the no-link rule of the directory open begins.
-[[nodiscard]] bool WriteTempAndReplace(const std::filesystem::path& temp, const std::filesystem::path& target,
-                                       std::string_view bytes, CommandResult& failure,
-                                       const std::filesystem::path& root = {});
+// Creates `temp` exclusively, writes and flushes it, gives it the target's permissions and
+// renames it over the target (or into its place when there is none). `root`, when given, is
+// where the no-link rule of the directory open begins. Every failure removes `temp`.
+[[nodiscard]] CommandResult WriteTempAndReplace(const std::filesystem::path& temp, const std::filesystem::path& target,
+                                                std::string_view bytes, const std::filesystem::path& root = {});
 
-// As WriteTempAndReplace with the bytes of a regular local file.
-[[nodiscard]] bool CopyFileAtomically(const std::filesystem::path& local, const std::filesystem::path& target,
-                                      FileErrorKind kind, uint64_t& bytes_written, CommandResult& failure,
-                                      const std::filesystem::path& root = {});
-
-// Gives `temp` the target's permissions and moves it over the target (or into its place when
-// there is none). Every failure removes `temp`.
-[[nodiscard]] bool CommitTempFile(const std::filesystem::path& temp, const std::filesystem::path& target,
-                                  FileErrorKind kind, CommandResult& failure);
-
-// The target's permission bits and its access ACL, when it has one, onto `temp`.
-[[nodiscard]] bool PreserveTargetPermissions(const std::filesystem::path& target, const std::filesystem::path& temp,
-                                             FileErrorKind kind, CommandResult& failure);
+// As WriteTempAndReplace with the bytes of a regular local file; `bytes_written` counts them.
+[[nodiscard]] CommandResult CopyFileAtomically(const std::filesystem::path& local, const std::filesystem::path& target,
+                                               FileErrorKind kind, uint64_t& bytes_written,
+                                               const std::filesystem::path& root = {});
 
 enum class MoveFileMode {
-  kCreate,   // fails when the target exists
-  kReplace,  // replaces the target atomically
+  kCreate,   // fails when the target exists: "atomically create file"
+  kReplace,  // replaces the target atomically: "atomically replace file"
 };
 
-// Up to 6 renames 50 ms apart while the target is busy; `error` holds the last error number.
-[[nodiscard]] bool MoveFileWithRetry(const std::filesystem::path& temp, const std::filesystem::path& target,
-                                     MoveFileMode mode, int& error);
-
-// Appends in place; a failure can leave part of the bytes behind.
-[[nodiscard]] bool AppendBytesToFile(const std::filesystem::path& target, std::string_view bytes,
-                                     uint64_t& bytes_written, CommandResult& failure);
-[[nodiscard]] bool AppendFileToFile(const std::filesystem::path& local, const std::filesystem::path& target,
-                                    uint64_t& bytes_written, CommandResult& failure);
+// Up to 6 renames 50 ms apart while the target is busy, then a flush of the directory.
+[[nodiscard]] CommandResult MoveFileWithRetry(const std::filesystem::path& temp, const std::filesystem::path& target,
+                                              MoveFileMode mode, FileErrorKind kind);
 
 }  // namespace brimo_stack::quay_tools_host::internal

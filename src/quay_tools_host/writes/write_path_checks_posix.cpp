@@ -9,6 +9,7 @@
 #include <string>
 #include <system_error>
 
+#include "brimo_stack_common/posix/retry_on_eintr.h"
 #include "quay_tools_host/files/file_errors.h"
 
 namespace brimo_stack::quay_tools_host::internal {
@@ -25,7 +26,7 @@ CommandResult NotADirectoryError(const std::filesystem::path& path) {
 }
 
 CommandResult WriteSystemError(std::string_view stage, int error) {
-  return MakeFileError(FileErrorKind::kWriteFileFailed, kCategorySystem, error, FormatSystemError(stage, error));
+  return MakeFileError(FileErrorKind::kWriteFileFailed, MakeSystemCommandError(stage, error));
 }
 
 }  // namespace
@@ -33,13 +34,8 @@ CommandResult WriteSystemError(std::string_view stage, int error) {
 CommandResult InspectDirectoryComponent(const std::filesystem::path& directory) {
   struct stat info {};
   // lstat looks at the component itself, never at what a link there points to.
-  int result = 0;
-  do {
-    result = ::lstat(directory.c_str(), &info);
-  } while (result != 0 && errno == EINTR);
-  if (result != 0) {
-    const int error = errno;
-    return WriteSystemError("inspect parent directory " + directory.string(), error);
+  if (RetryOnEintr([&] { return ::lstat(directory.c_str(), &info); }) != 0) {
+    return WriteSystemError("inspect parent directory " + directory.string(), errno);
   }
   if (S_ISLNK(info.st_mode)) {
     return ReparsePointError(directory);
@@ -71,8 +67,7 @@ CommandResult EnsureParentDirectories(const std::filesystem::path& parent, const
     }
     // A concurrent creator of the same directory is no failure.
     if (::mkdir(directory.c_str(), 0777) != 0 && errno != EEXIST) {
-      const int error = errno;
-      return WriteSystemError("create parent directory", error);
+      return WriteSystemError("create parent directory", errno);
     }
     CommandResult created = InspectDirectoryComponent(directory);
     if (!created.ok) {

@@ -65,14 +65,19 @@ TEST(MapMutationFailureTest, DeniedAlwaysMissingOnlyWithAKind) {
   const CommandResult not_dir = CommandResult::Failure(6, ENOTDIR, "m");
   EXPECT_EQ(MapMutationFailure(not_dir, FileMutationErrorKind::kParentDirNotFound).error->code, 1000);
 
-  const CommandResult policy = CommandResult::Failure(7, 1, "FILE_ACCESS_DENIED: matched blacklist pattern: /p");
+  const CommandResult policy = CommandResult::Failure(7, 1, "FILE_ACCESS_DENIED: matched blacklist pattern: /p",
+                                                      FailureReason::kAccessDenied);
   const CommandResult permission = MapMutationFailure(policy, FileMutationErrorKind::kNone);
   EXPECT_EQ(permission.error->code, 1002);
   EXPECT_EQ(permission.error->message, "PERMISSION_DENIED: FILE_ACCESS_DENIED: matched blacklist pattern: /p");
   EXPECT_EQ(MapMutationFailure(CommandResult::Failure(6, 1, "x"), FileMutationErrorKind::kNone).error->code, 1002);
 
-  const CommandResult inner = CommandResult::Failure(7, 1, "INVALID: FILE_ACCESS_DENIED: x");
-  EXPECT_EQ(MapMutationFailure(inner, FileMutationErrorKind::kFileNotFound).error->code, 1);
+  // The decision rests on the reason, never on the text: a message that only reads like a
+  // denial stays what it is.
+  for (const char* text : {"INVALID: FILE_ACCESS_DENIED: x", "FILE_ACCESS_DENIED: looks denied"}) {
+    EXPECT_EQ(MapMutationFailure(CommandResult::Failure(7, 1, text), FileMutationErrorKind::kFileNotFound).error->code, 1)
+        << text;
+  }
   EXPECT_TRUE(MapMutationFailure(CommandResult::Success(), FileMutationErrorKind::kFileNotFound).ok);
   EXPECT_EQ(MapMutationFailure(CommandResult::Failure(6, 13, ""), FileMutationErrorKind::kNone).error->code, 13);
 }

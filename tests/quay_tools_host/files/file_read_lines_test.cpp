@@ -2,7 +2,7 @@
 #include <gtest/gtest.h>
 
 #include "quay_tools_host/files/file_read_lines.h"
-#include "quay_tools_host/files/file_text.h"
+#include "quay_tools_host/files/read_line_numbers.h"
 #include "support/temp_dir.h"
 
 namespace brimo_stack::quay_tools_host::internal {
@@ -12,8 +12,8 @@ class FileReadLinesTest : public ::testing::Test {
  protected:
   void Open(const std::string& content) {
     const auto path = dir_.WriteFile("f.txt", content);
-    CommandResult failure;
-    ASSERT_TRUE(OpenCachedReadHandle(path, file_, failure)) << failure.error->message;
+    const CommandResult opened = OpenCachedReadHandle(path, file_);
+    ASSERT_TRUE(opened.ok) << opened.error->message;
     file_.size = content.size();
   }
 
@@ -143,6 +143,16 @@ TEST_F(FileReadLinesTest, GrowthAfterTheSnapshotIsNotSeen) {
   Open("a\nb\n");
   file_.size = 2;
   EXPECT_EQ(Read(0, 5), "     1\ta\n");
+}
+
+TEST(JsonEscapedCostTest, CountsShortAndUnicodeEscapes) {
+  EXPECT_EQ(JsonEscapedCost(""), 0u);
+  EXPECT_EQ(JsonEscapedCost("ab"), 2u);
+  EXPECT_EQ(JsonEscapedCost("\t\n\r\b\f\"\\"), 14u);
+  EXPECT_EQ(JsonEscapedCost(std::string("\x01\x1F", 2)), 12u);
+  EXPECT_EQ(JsonEscapedCost(std::string(1, '\0')), 6u);
+  EXPECT_EQ(JsonEscapedCost("\x7F\xC3\xA9"), 3u);
+  EXPECT_EQ(JsonEscapedCost(FormatReadLineNumber(12)), 8u);
 }
 
 }  // namespace

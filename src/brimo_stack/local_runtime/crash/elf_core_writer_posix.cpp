@@ -16,6 +16,9 @@
 #include <cstddef>
 #include <cstring>
 
+#include "brimo_stack_common/posix/retry_on_eintr.h"
+#include "brimo_stack_common/posix/scoped_fd.h"
+
 namespace brimo_stack::local_runtime {
 namespace {
 
@@ -70,23 +73,6 @@ class ScratchMemory {
   size_t size_ = 0;
 };
 
-class Descriptor {
- public:
-  explicit Descriptor(int fd) : fd_(fd) {}
-  ~Descriptor() {
-    if (fd_ >= 0) {
-      ::close(fd_);
-    }
-  }
-  Descriptor(const Descriptor&) = delete;
-  Descriptor& operator=(const Descriptor&) = delete;
-  [[nodiscard]] int get() const { return fd_; }
-  [[nodiscard]] bool valid() const { return fd_ >= 0; }
-
- private:
-  int fd_;
-};
-
 // "/proc/<pid>/<leaf>" without snprintf, which isn't async-signal-safe.
 struct ProcPath {
   char text[96] = {};
@@ -117,7 +103,7 @@ size_t AlignUp(size_t value, size_t alignment) { return (value + alignment - 1) 
 // All of a /proc file; its size is unknown until it has been read.
 bool ReadProcFile(int32_t pid, const char* leaf, ScratchMemory& buffer, size_t& length) {
   const ProcPath path(pid, leaf);
-  const Descriptor file(::open(path.text, O_RDONLY | O_CLOEXEC));
+  const ScopedFd file(::open(path.text, O_RDONLY | O_CLOEXEC));
   if (!file.valid() || !buffer.Reserve(64 * 1024)) {
     return false;
   }
@@ -126,11 +112,8 @@ bool ReadProcFile(int32_t pid, const char* leaf, ScratchMemory& buffer, size_t& 
     if (length == buffer.size() && !buffer.Reserve(buffer.size() * 2)) {
       return false;
     }
-    const ssize_t got = ::read(file.get(), buffer.data() + length, buffer.size() - length);
+    const ssize_t got = RetryOnEintr([&] { return ::read(file.get(), buffer.data() + length, buffer.size() - length); });
     if (got < 0) {
-      if (errno == EINTR) {
-        continue;
-      }
       return false;
     }
     if (got == 0) {
@@ -142,11 +125,8 @@ bool ReadProcFile(int32_t pid, const char* leaf, ScratchMemory& buffer, size_t& 
 
 bool WriteAllAt(int file, const char* data, size_t size, uint64_t offset) {
   while (size > 0) {
-    const ssize_t put = ::pwrite(file, data, size, static_cast<off_t>(offset));
-    if (put < 0) {
-      if (errno == EINTR) {
-        continue;
-      }
+    const ssize_t put = RetryOnEintr([&] { return ::pwrite(file, data, size, static_cast<off_t>(offset)); });
+    if (put <= 0) {
       return false;
     }
     data += put;
@@ -202,10 +182,7 @@ class ThreadTable {
       return false;
     }
     int wait_status = 0;
-    pid_t waited = 0;
-    do {
-      waited = ::waitpid(tid, &wait_status, __WALL);
-    } while (waited < 0 && errno == EINTR);
+    const pid_t waited = RetryOnEintr([&] { return ::waitpid(tid, &wait_status, __WALL); });
     if (waited != tid || !WIFSTOPPED(wait_status)) {
       return false;
     }
@@ -274,16 +251,13 @@ bool AttachAllThreads(int32_t pid, ThreadTable& threads) {
   alignas(8) char entries[8192];
   for (int round = 0; round < kMaxAttachRounds; ++round) {
     const ProcPath path(pid, "task");
-    const Descriptor directory(::open(path.text, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    const ScopedFd directory(::open(path.text, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     if (!directory.valid()) {
       return false;
     }
     bool found_new = false;
     for (;;) {
-      const long got = ::syscall(SYS_getdents64, directory.get(), entries, sizeof(entries));
-      if (got < 0 && errno == EINTR) {
-        continue;
-      }
+      const long got = RetryOnEintr([&] { return ::syscall(SYS_getdents64, directory.get(), entries, sizeof(entries)); });
       if (got <= 0) {
         break;
       }
@@ -716,10 +690,8 @@ bool WriteElfCoreDump(const ElfCoreDumpRequest& request) {
     }
   }
   // Holes at the end must still count towards the file's length.
-  while (::ftruncate(request.file, static_cast<off_t>(offset)) != 0) {
-    if (errno != EINTR) {
-      return false;
-    }
+  if (RetryOnEintr([&] { return ::ftruncate(request.file, static_cast<off_t>(offset)); }) != 0) {
+    return false;
   }
   threads.DetachAll();
   return true;

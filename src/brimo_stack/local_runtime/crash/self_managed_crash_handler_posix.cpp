@@ -17,6 +17,8 @@
 #include <ctime>
 
 #include "brimo_stack/local_runtime/crash/elf_core_writer.h"
+#include "brimo_stack_common/posix/retry_on_eintr.h"
+#include "brimo_stack_common/posix/scoped_fd.h"
 
 extern char** environ;
 
@@ -40,12 +42,6 @@ int64_t MonotonicMilliseconds() {
   timespec now{};
   ::clock_gettime(CLOCK_MONOTONIC, &now);
   return static_cast<int64_t>(now.tv_sec) * 1000 + now.tv_nsec / 1'000'000;
-}
-
-void CloseDescriptor(int fd) {
-  if (fd >= 0) {
-    ::close(fd);
-  }
 }
 
 // getenv is not on the async-signal-safe list; the environment array itself is plain memory.
@@ -99,16 +95,45 @@ void ResetFatalSignalsToDefault() {
   ::_exit(128 + signal);
 }
 
+// The two ends of a pipe, each closed by its owner.
+struct PipeEnds {
+  ScopedFd read;
+  ScopedFd write;
+  bool Open() {
+    int ends[2] = {-1, -1};
+    if (::pipe2(ends, O_CLOEXEC) != 0) {
+      return false;
+    }
+    read.Reset(ends[0]);
+    write.Reset(ends[1]);
+    return true;
+  }
+};
+
+// Waits up to the helper's time limit for its one-byte verdict; true for a whole dump.
+bool AwaitDumpVerdict(int verdict_fd) {
+  const int64_t deadline = MonotonicMilliseconds() + kHelperTimeLimitMs;
+  for (int64_t left = kHelperTimeLimitMs; left > 0; left = deadline - MonotonicMilliseconds()) {
+    pollfd wait_for{verdict_fd, POLLIN, 0};
+    const int ready = ::poll(&wait_for, 1, static_cast<int>(left));
+    if (ready > 0) {
+      char verdict = 0;
+      return RetryOnEintr([&] { return ::read(verdict_fd, &verdict, 1); }) == 1 && verdict == 1;
+    }
+    // A poll cut short by a signal goes round again with the time that is left; any other
+    // failure ends the wait.
+    if (ready < 0 && errno != EINTR) {
+      return false;
+    }
+  }
+  return false;
+}
+
 // Runs the helper that writes the dump into `file`; true when it reports a whole dump.
 bool RunDumpHelper(int file, int signal, const siginfo_t* info) {
-  int go_pipe[2] = {-1, -1};
-  int verdict_pipe[2] = {-1, -1};
-  if (::pipe2(go_pipe, O_CLOEXEC) != 0) {
-    return false;
-  }
-  if (::pipe2(verdict_pipe, O_CLOEXEC) != 0) {
-    CloseDescriptor(go_pipe[0]);
-    CloseDescriptor(go_pipe[1]);
+  PipeEnds go;
+  PipeEnds verdict;
+  if (!go.Open() || !verdict.Open()) {
     return false;
   }
   ElfCoreDumpRequest request;
@@ -125,65 +150,37 @@ bool RunDumpHelper(int file, int signal, const siginfo_t* info) {
   const long helper = ::syscall(SYS_clone, SIGCHLD, 0, 0, 0, 0);
   if (helper == 0) {
     ResetFatalSignalsToDefault();
-    ::close(go_pipe[1]);
-    ::close(verdict_pipe[0]);
-    char go = 0;
-    ssize_t got = 0;
-    do {
-      got = ::read(go_pipe[0], &go, 1);
-    } while (got < 0 && errno == EINTR);
-    if (got != 1) {
+    go.write.Reset();
+    verdict.read.Reset();
+    char byte = 0;
+    if (RetryOnEintr([&] { return ::read(go.read.get(), &byte, 1); }) != 1) {
       ::_exit(2);
     }
     const bool written = WriteElfCoreDump(request);
     if (written) {
       const char ok = 1;
-      [[maybe_unused]] const ssize_t sent = ::write(verdict_pipe[1], &ok, 1);
+      [[maybe_unused]] const ssize_t sent = ::write(verdict.write.get(), &ok, 1);
     }
     ::_exit(written ? 0 : 1);
   }
-  ::close(go_pipe[0]);
-  ::close(verdict_pipe[1]);
+  go.read.Reset();
+  verdict.write.Reset();
   if (helper < 0) {
-    ::close(go_pipe[1]);
-    ::close(verdict_pipe[0]);
     return false;
   }
   // Under Yama's restricted ptrace only a named tracer may attach; the helper waits for this.
   ::prctl(PR_SET_PTRACER, static_cast<unsigned long>(helper), 0, 0, 0);
-  const char go = 1;
-  [[maybe_unused]] const ssize_t sent = ::write(go_pipe[1], &go, 1);
-  ::close(go_pipe[1]);
+  const char byte = 1;
+  [[maybe_unused]] const ssize_t sent = ::write(go.write.get(), &byte, 1);
+  go.write.Reset();
 
-  bool written = false;
-  bool finished = false;
-  const int64_t deadline = MonotonicMilliseconds() + kHelperTimeLimitMs;
-  while (!finished) {
-    const int64_t left = deadline - MonotonicMilliseconds();
-    if (left <= 0) {
-      ::kill(static_cast<pid_t>(helper), SIGKILL);
-      break;
-    }
-    pollfd wait_for{verdict_pipe[0], POLLIN, 0};
-    const int ready = ::poll(&wait_for, 1, static_cast<int>(left));
-    if (ready < 0 && errno != EINTR) {
-      ::kill(static_cast<pid_t>(helper), SIGKILL);
-      break;
-    }
-    if (ready > 0) {
-      char verdict = 0;
-      const ssize_t got = ::read(verdict_pipe[0], &verdict, 1);
-      if (got < 0 && errno == EINTR) {
-        continue;
-      }
-      written = got == 1 && verdict == 1;
-      finished = true;
-    }
+  const bool written = AwaitDumpVerdict(verdict.read.get());
+  if (!written) {
+    // A helper that hangs must not keep a crashed process alive; one that is done ignores this.
+    ::kill(static_cast<pid_t>(helper), SIGKILL);
   }
-  ::close(verdict_pipe[0]);
   int status = 0;
-  while (::waitpid(static_cast<pid_t>(helper), &status, 0) < 0 && errno == EINTR) {
-  }
+  (void)RetryOnEintr([&] { return ::waitpid(static_cast<pid_t>(helper), &status, 0); });
   return written;
 }
 
@@ -201,11 +198,11 @@ void CrashSignalHandler(int signal, siginfo_t* info, void* /*context*/) {
   char path[kMaxDumpPathBytes];
   if (CopyDumpPathFromEnvironment(path, sizeof(path))) {
     // O_EXCL: an existing file is never overwritten, so a second crash writes nothing.
-    const int file = ::open(path, O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
-    if (file >= 0) {
-      const bool written = RunDumpHelper(file, signal, info);
-      ::fsync(file);
-      ::close(file);
+    ScopedFd file(::open(path, O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
+    if (file.valid()) {
+      const bool written = RunDumpHelper(file.get(), signal, info);
+      ::fsync(file.get());
+      file.Reset();
       if (!written) {
         ::unlink(path);
       }
@@ -242,11 +239,8 @@ CommandResult InstallAlternateStack() {
 CommandResult FillRandomBytes(std::span<uint8_t> out) {
   size_t filled = 0;
   while (filled < out.size()) {
-    const ssize_t got = ::getrandom(out.data() + filled, out.size() - filled, 0);
+    const ssize_t got = RetryOnEintr([&] { return ::getrandom(out.data() + filled, out.size() - filled, 0); });
     if (got < 0) {
-      if (errno == EINTR) {
-        continue;
-      }
       return MakeSystemCommandError("getrandom", errno);
     }
     filled += static_cast<size_t>(got);

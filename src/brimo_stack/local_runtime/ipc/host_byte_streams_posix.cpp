@@ -1,10 +1,12 @@
-// Standard input and output on descriptors 0 and 1; interrupted calls are retried.
+// Standard input and output on descriptors 0 and 1.
 #include "brimo_stack/local_runtime/ipc/host_byte_streams.h"
 
 #include <fcntl.h>
 #include <unistd.h>
 
 #include <cerrno>
+
+#include "brimo_stack_common/posix/retry_on_eintr.h"
 
 namespace brimo_stack::local_runtime::ipc {
 namespace {
@@ -21,33 +23,15 @@ class DescriptorHostByteStreams final : public IHostByteStreams {
   }
 
   CommandResult Read(char* buffer, size_t capacity, size_t& bytes_read) override {
-    bytes_read = 0;
-    for (;;) {
-      const ssize_t count = ::read(STDIN_FILENO, buffer, capacity);
-      if (count >= 0) {
-        bytes_read = static_cast<size_t>(count);
-        return CommandResult::Success();
-      }
-      const int error = errno;
-      if (error != EINTR) {
-        return MakeSystemCommandError("read host IPC request", error);
-      }
-    }
+    const ssize_t count = RetryOnEintr([&] { return ::read(STDIN_FILENO, buffer, capacity); });
+    bytes_read = count > 0 ? static_cast<size_t>(count) : 0;
+    return count < 0 ? MakeSystemCommandError("read host IPC request", errno) : CommandResult::Success();
   }
 
   CommandResult Write(const char* data, size_t size, size_t& bytes_written) override {
-    bytes_written = 0;
-    for (;;) {
-      const ssize_t count = ::write(STDOUT_FILENO, data, size);
-      if (count >= 0) {
-        bytes_written = static_cast<size_t>(count);
-        return CommandResult::Success();
-      }
-      const int error = errno;
-      if (error != EINTR) {
-        return MakeSystemCommandError("write host IPC response", error);
-      }
-    }
+    const ssize_t count = RetryOnEintr([&] { return ::write(STDOUT_FILENO, data, size); });
+    bytes_written = count > 0 ? static_cast<size_t>(count) : 0;
+    return count < 0 ? MakeSystemCommandError("write host IPC response", errno) : CommandResult::Success();
   }
 };
 

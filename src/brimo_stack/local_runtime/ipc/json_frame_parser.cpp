@@ -10,7 +10,7 @@
 
 #include "brimo_stack_common/byte_vector.h"
 #include "brimo_stack_common/large_buffer.h"
-#include "brimo_stack_common/string_util.h"
+#include "brimo_stack_common/utf8.h"
 
 namespace brimo_stack::local_runtime::ipc {
 namespace {
@@ -46,31 +46,6 @@ const char* SkipPlainBytes(const char* at, const char* end) {
     ++at;
   }
   return at;
-}
-
-// Length of the well-formed UTF-8 sequence at `at` (no overlong forms, no surrogates, nothing
-// above U+10FFFF), or 0.
-size_t Utf8SequenceLength(const char* at, const char* end) {
-  const auto byte = [&](size_t i) { return static_cast<unsigned char>(at[i]); };
-  const auto available = static_cast<size_t>(end - at);
-  const auto continuation = [&](size_t i, unsigned char low, unsigned char high) {
-    return i < available && byte(i) >= low && byte(i) <= high;
-  };
-  const unsigned char lead = byte(0);
-  if (lead >= 0xC2 && lead <= 0xDF) {
-    return continuation(1, 0x80, 0xBF) ? 2 : 0;
-  }
-  if (lead >= 0xE0 && lead <= 0xEF) {
-    const unsigned char low = lead == 0xE0 ? 0xA0 : 0x80;
-    const unsigned char high = lead == 0xED ? 0x9F : 0xBF;
-    return continuation(1, low, high) && continuation(2, 0x80, 0xBF) ? 3 : 0;
-  }
-  if (lead >= 0xF0 && lead <= 0xF4) {
-    const unsigned char low = lead == 0xF0 ? 0x90 : 0x80;
-    const unsigned char high = lead == 0xF4 ? 0x8F : 0xBF;
-    return continuation(1, low, high) && continuation(2, 0x80, 0xBF) && continuation(3, 0x80, 0xBF) ? 4 : 0;
-  }
-  return 0;
 }
 
 class FastJsonReader {
@@ -288,7 +263,7 @@ class FastJsonReader {
       if (byte < 0x20) {
         return false;
       }
-      const size_t length = Utf8SequenceLength(at_, end_);
+      const size_t length = WellFormedUtf8Length(at_, end_);
       if (length == 0) {
         return false;
       }

@@ -4,26 +4,11 @@
 #include <spdlog/spdlog.h>
 
 namespace brimo_stack {
-namespace {
-
-spdlog::level::level_enum ToSpdlogLevel(LogLevel level) {
-  switch (level) {
-    case LogLevel::kTrace: return spdlog::level::trace;
-    case LogLevel::kDebug: return spdlog::level::debug;
-    case LogLevel::kInfo: return spdlog::level::info;
-    case LogLevel::kWarning: return spdlog::level::warn;
-    case LogLevel::kError: return spdlog::level::err;
-    case LogLevel::kCritical: return spdlog::level::critical;
-  }
-  return spdlog::level::info;
-}
-
-}  // namespace
 
 void LogStructured(LogLevel level, std::string_view component, std::string_view message,
                    const nlohmann::json& fields, const LogLocation& location) {
   spdlog::logger* logger = spdlog::default_logger_raw();
-  const auto spd_level = ToSpdlogLevel(level);
+  const auto spd_level = ToSpdlogLevel(static_cast<uint32_t>(level));
   if (logger == nullptr || !logger->should_log(spd_level)) {
     return;
   }

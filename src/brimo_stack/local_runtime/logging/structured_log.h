@@ -6,6 +6,8 @@
 
 #include <nlohmann/json.hpp>
 
+#include "brimo_stack/local_runtime/logging/log_levels.h"
+
 namespace brimo_stack {
 
 struct LogLocation {
@@ -14,9 +16,6 @@ struct LogLocation {
   const char* file = "";
   const char* function = "";
 };
-
-// 1 trace ... 6 critical.
-enum class LogLevel : int { kTrace = 1, kDebug = 2, kInfo = 3, kWarning = 4, kError = 5, kCritical = 6 };
 
 void LogStructured(LogLevel level, std::string_view component, std::string_view message,
                    const nlohmann::json& fields, const LogLocation& location);

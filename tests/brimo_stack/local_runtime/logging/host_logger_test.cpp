@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "brimo_stack/local_runtime/host_launch_config.h"
+#include "brimo_stack/local_runtime/logging/host_logger.h"
 #include "brimo_stack/local_runtime/logging/structured_log.h"
 #include "support/temp_dir.h"
 

@@ -1,0 +1,164 @@
+// The directory open with RESOLVE_NO_SYMLINKS, or one component at a time where the kernel
+// lacks openat2; the local source open and the whole-buffer write.
+#include "quay_tools_host/writes/write_descriptors_posix.h"
+
+#include <fcntl.h>
+#include <linux/openat2.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+
+#include "brimo_stack_common/posix/proc_files.h"
+#include "brimo_stack_common/posix/retry_on_eintr.h"
+
+namespace brimo_stack::quay_tools_host::internal {
+namespace {
+
+constexpr size_t kMaxWriteCall = 0x7ffff000;  // the kernel's own limit of one write
+
+int OpenAt(int dir_fd, const char* name, int flags) {
+  return RetryOnEintr([&] { return ::openat(dir_fd, name, flags); });
+}
+
+int OpenAt2(int dir_fd, const char* relative, uint64_t resolve) {
+  open_how how{};
+  how.flags = O_RDONLY | O_DIRECTORY | O_CLOEXEC;
+  how.resolve = resolve;
+  return static_cast<int>(RetryOnEintr([&] { return ::syscall(SYS_openat2, dir_fd, relative, &how, sizeof(how)); }));
+}
+
+// The same walk as RESOLVE_NO_SYMLINKS, by hand: each component opened without following it.
+// -1 with errno set on failure; ELOOP for a link on the way.
+int OpenByComponents(int anchor_fd, const std::filesystem::path& relative) {
+  ScopedFd current(OpenAt(anchor_fd, ".", O_PATH | O_DIRECTORY | O_CLOEXEC));
+  if (!current.valid()) {
+    return -1;
+  }
+  for (const std::filesystem::path& component : relative) {
+    if (component.empty() || component == ".") {
+      continue;
+    }
+    ScopedFd next(OpenAt(current.get(), component.c_str(), O_PATH | O_NOFOLLOW | O_DIRECTORY | O_CLOEXEC));
+    if (!next.valid()) {
+      int error = errno;
+      struct stat info {};
+      if (error == ENOTDIR && ::fstatat(current.get(), component.c_str(), &info, AT_SYMLINK_NOFOLLOW) == 0 &&
+          S_ISLNK(info.st_mode)) {
+        error = ELOOP;
+      }
+      errno = error;
+      return -1;
+    }
+    current = std::move(next);
+  }
+  return OpenAt(current.get(), ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+}
+
+// The open directory below `anchor_fd`, or -1 with errno.
+int OpenWithoutLinks(int anchor_fd, const std::filesystem::path& relative, uint64_t resolve) {
+  const int fd = OpenAt2(anchor_fd, relative.c_str(), resolve);
+  if (fd < 0 && (errno == ENOSYS || errno == EPERM)) {
+    // No openat2 here (an old kernel or a filter that refuses it).
+    return OpenByComponents(anchor_fd, relative);
+  }
+  return fd;
+}
+
+CommandResult OpenFailure(int error, const std::filesystem::path& directory, const std::filesystem::path& reported,
+                          FileErrorKind kind) {
+  if (error == ELOOP || error == EXDEV) {
+    return MakeFileError(FileErrorKind::kInvalidFilePath, kCategoryRefused, 1,
+                         "write path contains a reparse point: " + reported.string());
+  }
+  if (error == ENOTDIR) {
+    return MakeFileError(FileErrorKind::kInvalidFilePath, kCategoryRefused, 1,
+                         "write path parent is not a directory: " + reported.string());
+  }
+  return MakeFileError(kind, MakeSystemCommandError("inspect parent directory " + directory.string(), error));
+}
+
+}  // namespace
+
+CommandResult WriteDirectory::Open(const std::filesystem::path& directory, const std::filesystem::path& root,
+                                   const std::filesystem::path& reported, FileErrorKind kind) {
+  ScopedFd anchor;
+  std::filesystem::path relative = directory;
+  uint64_t resolve = RESOLVE_NO_SYMLINKS;
+  if (!root.empty()) {
+    const std::filesystem::path above_root = root.parent_path();
+    anchor.Reset(OpenAt(AT_FDCWD, above_root.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+    if (!anchor.valid()) {
+      return OpenFailure(errno, directory, reported, kind);
+    }
+    relative = directory.lexically_relative(above_root);
+    resolve |= RESOLVE_BENEATH;
+    if (relative.empty()) {
+      return OpenFailure(EXDEV, directory, reported, kind);
+    }
+  }
+  ScopedFd opened(OpenWithoutLinks(anchor.valid() ? anchor.get() : AT_FDCWD, relative, resolve));
+  if (!opened.valid()) {
+    return OpenFailure(errno, directory, reported, kind);
+  }
+  fd_ = std::move(opened);
+  return CommandResult::Success();
+}
+
+CommandResult WriteDirectory::OpenParentOf(const std::filesystem::path& target, const std::filesystem::path& root,
+                                           FileErrorKind kind) {
+  const std::filesystem::path parent = target.parent_path().empty() ? std::filesystem::path(".") : target.parent_path();
+  return Open(parent, root, target, kind);
+}
+
+std::string WriteDirectory::EntryPath(std::string_view name) const {
+  std::string path = DescriptorProcPath(fd_.get());
+  path += '/';
+  path += name;
+  return path;
+}
+
+CommandResult WriteDirectory::Sync(FileErrorKind kind, std::string_view stage) const {
+  if (RetryOnEintr([&] { return ::fsync(fd_.get()); }) != 0) {
+    return MakeFileError(kind, MakeSystemCommandError(stage, errno));
+  }
+  return CommandResult::Success();
+}
+
+CommandResult WriteAllToFd(int fd, std::string_view bytes, FileErrorKind kind, std::string_view stage,
+                           uint64_t* bytes_written) {
+  while (!bytes.empty()) {
+    const ssize_t written =
+        RetryOnEintr([&] { return ::write(fd, bytes.data(), std::min(bytes.size(), kMaxWriteCall)); });
+    if (written <= 0) {
+      return MakeFileError(kind, MakeSystemCommandError(stage, written < 0 ? errno : EIO));
+    }
+    bytes.remove_prefix(static_cast<size_t>(written));
+    if (bytes_written != nullptr) {
+      *bytes_written += static_cast<uint64_t>(written);
+    }
+  }
+  return CommandResult::Success();
+}
+
+CommandResult OpenLocalSource(const std::filesystem::path& local, FileErrorKind kind, ScopedFd& source,
+                              struct stat& info) {
+  const auto not_regular = [kind] {
+    return MakeFileError(kind, kCategoryRefused, 1, "local_path must be a regular non-reparse file");
+  };
+  // O_NONBLOCK keeps a FIFO from hanging the open; it is refused just below.
+  source.Reset(RetryOnEintr([&] { return ::open(local.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC); }));
+  if (!source.valid()) {
+    const int error = errno;
+    return error == ELOOP ? not_regular() : MakeFileError(kind, MakeSystemCommandError("open local_path", error));
+  }
+  if (::fstat(source.get(), &info) != 0 || !S_ISREG(info.st_mode)) {
+    return not_regular();
+  }
+  return CommandResult::Success();
+}
+
+std::string EntryNameOf(const std::filesystem::path& path) { return path.filename().native(); }
+
+}  // namespace brimo_stack::quay_tools_host::internal
