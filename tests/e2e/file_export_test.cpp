@@ -3,6 +3,7 @@
 
 #include <filesystem>
 #include <fstream>
+#include <cerrno>
 #include <optional>
 #include <set>
 #include <sstream>
@@ -45,7 +46,7 @@ bool IsAtOrBelow(const std::string& path, const fs::path& root) {
 
 struct Layout {
   fs::path tmp;      // the child's TMPDIR
-  fs::path root;     // tmp/qz/to, the trusted export root
+  fs::path root;     // tmp/qz/to, the trusted export root; tmp/qz is the parent's and exists
   fs::path work;     // where the sources live
   fs::path outside;  // what links point to
 };
@@ -57,7 +58,7 @@ class FileExport : public testing::Test {
     layout_.root = layout_.tmp / "qz" / "to";
     layout_.work = temp_.path() / "work";
     layout_.outside = temp_.path() / "outside";
-    fs::create_directories(layout_.tmp);
+    fs::create_directories(layout_.tmp / "qz");
     fs::create_directories(layout_.work);
     fs::create_directories(layout_.outside);
     source_ = temp_.WriteFile("work/source.txt", "payload");
@@ -128,7 +129,7 @@ TEST_F(FileExport, CopiesIntoNewDirectoriesAndReportsSizePathAndUrl) {
 // artifact root are the system's and are followed; from that root down none is.
 TEST_F(FileExport, TempDirectoryReachedThroughALinkWorks) {
   const fs::path real_tmp = temp_.path() / "real_tmp";
-  fs::create_directories(real_tmp);
+  fs::create_directories(real_tmp / "qz");
   layout_.tmp = temp_.path() / "tmp_link";
   fs::create_directory_symlink(real_tmp, layout_.tmp);
   layout_.root = layout_.tmp / "qz" / "to";
@@ -138,6 +139,24 @@ TEST_F(FileExport, TempDirectoryReachedThroughALinkWorks) {
   EXPECT_EQ(Data(response).at("local_path"), (layout_.root / "sub" / "linked.txt").native());
   EXPECT_EQ(ReadWholeFile(real_tmp / "qz" / "to" / "sub" / "linked.txt"), "payload");
   EXPECT_EQ(ListTree(real_tmp / "qz" / "to" / "sub"), std::set<std::string>{(real_tmp / "qz/to/sub/linked.txt").native()});
+}
+
+// The runtime artifact root above the export root is the parent's: the host neither creates it
+// nor looks at it, so a link there is followed, and without it the export root can't be made.
+TEST_F(FileExport, NothingAboveTheExportRootIsCreatedOrChecked) {
+  fs::remove(layout_.tmp / "qz");
+  const json missing = Export("source.txt", (layout_.root / "a.txt").native());
+  EXPECT_EQ(missing["error"],
+            json({{"category", 6},
+                  {"code", ENOENT},
+                  {"message", "EXPORT_FILE_FAILED: create parent directory failed: No such file or directory"}}));
+  EXPECT_TRUE(fs::is_empty(layout_.tmp));
+
+  fs::create_directories(layout_.outside / "artifacts");
+  fs::create_directory_symlink(layout_.outside / "artifacts", layout_.tmp / "qz");
+  const json linked = Export("source.txt", (layout_.root / "a.txt").native());
+  ASSERT_TRUE(linked.value("ok", false)) << linked.dump();
+  EXPECT_EQ(ReadWholeFile(layout_.outside / "artifacts/to/a.txt"), "payload");
 }
 
 TEST_F(FileExport, ExistingExportIsReplacedByRenameNotRewritten) {
@@ -166,6 +185,7 @@ TEST_F(FileExport, FileThatAlreadyIsTheTargetKeepsItsContent) {
 TEST_F(FileExport, ProfileInstallDirMovesTheRootBesideIt) {
   const fs::path profile_root = temp_.path() / "profile" / "brimo_stack" / "to";
   fs::create_directories(temp_.path() / "profile" / "sandbox_envs_dir");
+  fs::create_directories(temp_.path() / "profile" / "brimo_stack");
   Host((temp_.path() / "profile" / "sandbox_envs_dir").native() + "/");
 
   const json inside = Export("source.txt", (profile_root / "a.txt").native());
@@ -176,7 +196,7 @@ TEST_F(FileExport, ProfileInstallDirMovesTheRootBesideIt) {
   ASSERT_FALSE(temp_root.value("ok", true));
   EXPECT_EQ(temp_root["error"]["message"],
             "INVALID_EXPORT_PATH: export_path is outside trusted export root: " + (layout_.root / "a.txt").native());
-  EXPECT_FALSE(fs::exists(layout_.tmp / "qz"));
+  EXPECT_FALSE(fs::exists(layout_.root));
 }
 
 TEST_F(FileExport, RefusedProfileInstallDirIsTheAnswer) {
@@ -321,7 +341,7 @@ TEST_F(FileExport, SourceRefusalsComeFirst) {
     ASSERT_FALSE(response.value("ok", true)) << c.path;
     EXPECT_EQ(response["error"], json({{"category", 7}, {"code", 1}, {"message", c.message}})) << c.path;
   }
-  EXPECT_FALSE(fs::exists(layout_.tmp / "qz"));
+  EXPECT_FALSE(fs::exists(layout_.root));
 }
 
 }  // namespace

@@ -71,10 +71,10 @@ CommandResult FileCommandService::Export(const FileExportRequest& request) {
     return rooted;
   }
   uint64_t bytes_written = 0;
-  // The no-link rule of the copy starts at the runtime artifact root, as the checks above did:
-  // a temporary directory reached through a link above it is the system's, not the agent's.
-  CommandResult copied = internal::CopyFileAtomically(real, target, FileErrorKind::kExportFileFailed, bytes_written,
-                                                      export_root.parent_path());
+  // The no-link rule of the copy starts at the export root, as the checks above did: what lies
+  // above it, a temporary directory reached through a link included, is not the agent's.
+  CommandResult copied =
+      internal::CopyFileAtomically(real, target, FileErrorKind::kExportFileFailed, bytes_written, export_root);
   if (!copied.ok) {
     return copied;
   }

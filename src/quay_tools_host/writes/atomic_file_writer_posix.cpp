@@ -10,7 +10,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
-#include <fstream>
+#include <cstdlib>
 #include <string>
 #include <thread>
 #include <vector>
@@ -78,13 +78,17 @@ void RemoveTemp(const WriteDirectory& directory, const std::string& temp_name) {
 // The umask without changing it: umask(2) can only be read by setting it, which races every
 // thread that creates a file meanwhile; /proc/self/status shows it.
 CommandResult ReadUmask(mode_t& mask) {
-  std::ifstream status("/proc/self/status");
-  std::string line;
-  while (std::getline(status, line)) {
-    if (line.rfind("Umask:", 0) == 0) {
-      mask = static_cast<mode_t>(std::stoul(line.substr(6), nullptr, 8) & 0777);
-      return CommandResult::Success();
-    }
+  const ScopedFd status(RetryOnEintr([] { return ::open("/proc/self/status", O_RDONLY | O_CLOEXEC); }));
+  std::string text;
+  char block[4096];
+  for (ssize_t got = 1; status.valid() && got > 0;) {
+    got = RetryOnEintr([&] { return ::read(status.get(), block, sizeof(block)); });
+    text.append(block, static_cast<size_t>(std::max<ssize_t>(got, 0)));
+  }
+  constexpr std::string_view kField = "\nUmask:";
+  if (const size_t at = text.find(kField); at != std::string::npos) {
+    mask = static_cast<mode_t>(std::strtoul(text.c_str() + at + kField.size(), nullptr, 8) & 0777);
+    return CommandResult::Success();
   }
   if (CommandResult proc = RequireProcFileSystem(kPreserveStage); !proc.ok) {
     return proc;

@@ -52,50 +52,6 @@ std::string MakeFileUrl(const std::filesystem::path& path) {
   return url;
 }
 
-CommandResult CheckExportPathComponents(const std::filesystem::path& export_directory,
-                                        const std::filesystem::path& root) {
-  std::vector<std::filesystem::path> inside;
-  const std::string root_key = PathContainmentKey(root);
-  for (std::filesystem::path current = export_directory; !current.empty();) {
-    if (IsPathInsideRoot(current, root)) {
-      inside.push_back(current);
-    }
-    if (PathContainmentKey(current) == root_key) {
-      break;
-    }
-    std::filesystem::path parent = current.parent_path();
-    if (parent == current) {
-      break;
-    }
-    current = std::move(parent);
-  }
-
-  for (auto it = inside.rbegin(); it != inside.rend(); ++it) {
-    const std::filesystem::path& path = *it;
-    std::error_code error;
-    // The entry itself, not what it points to: a dangling link exists and is refused below.
-    const std::filesystem::file_status entry = std::filesystem::symlink_status(path, error);
-    if (entry.type() == std::filesystem::file_type::none) {
-      return MakeFileErrorFromErrorCode(kKind, "inspect export path", error);
-    }
-    if (entry.type() == std::filesystem::file_type::not_found) {
-      continue;
-    }
-    if (IsReparsePoint(path)) {
-      return Refused("export path contains a reparse point: ", path);
-    }
-    error.clear();
-    const std::filesystem::file_status status = std::filesystem::status(path, error);
-    if (status.type() == std::filesystem::file_type::none || status.type() == std::filesystem::file_type::not_found) {
-      return MakeFileErrorFromErrorCode(kKind, "inspect export path component", error);
-    }
-    if (!std::filesystem::is_directory(status)) {
-      return Refused("export path component is not a directory: ", path);
-    }
-  }
-  return CommandResult::Success();
-}
-
 CommandResult ResolveExportRoot(std::string_view install_dir, std::filesystem::path& root) {
   CommandResult resolved = local_runtime::ResolveToolOutputsRoot(root, install_dir);
   if (!resolved.ok) {
@@ -137,17 +93,15 @@ CommandResult ResolveExportTarget(std::string_view export_path, std::string_view
     return Refused("export_path is outside trusted export root: ", target);
   }
 
-  CommandResult components = CheckExportPathComponents(export_directory, root);
+  CommandResult components =
+      CheckWritePathComponents(export_directory, root, kExportPathWords, LastPathElement::kDirectory);
   if (!components.ok) {
     return components;
   }
-  // The runtime artifact root is the host's own and is missing on a fresh temporary directory;
-  // its parent was checked to be a directory. A link in its place is refused, never followed.
-  CommandResult artifact_root = EnsureParentDirectories(root.parent_path(), root.parent_path());
-  if (!artifact_root.ok) {
-    return artifact_root;
-  }
-  CommandResult ensured = EnsureParentDirectories(export_directory, root);
+  // The root and what lies below it are the host's to create and to check. The runtime
+  // artifact root above it belongs to the parent, which hands out paths under it: it is neither
+  // created nor looked at, and without it the root can't be created either.
+  CommandResult ensured = EnsureParentDirectories(export_directory, root, kExportPathWords);
   if (!ensured.ok) {
     return ensured;
   }

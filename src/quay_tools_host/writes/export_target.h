@@ -10,18 +10,14 @@
 namespace brimo_stack::quay_tools_host::internal {
 
 // The absolute, normalised `export_path` and its directory, both inside the tools output root
-// of `install_dir`, with every existing component below the root checked and the missing
-// directories created.
+// of `install_dir`, with every existing component from the root down checked and the missing
+// directories created; nothing above the root is looked at.
 [[nodiscard]] CommandResult ResolveExportTarget(std::string_view export_path, std::string_view install_dir,
                                                 std::filesystem::path& target,
                                                 std::filesystem::path& export_directory);
 
 // The tools output root of `install_dir`, normalised: every export lands below it.
 [[nodiscard]] CommandResult ResolveExportRoot(std::string_view install_dir, std::filesystem::path& root);
-
-// Every existing path from `root` down to `export_directory` must be a directory and no link.
-[[nodiscard]] CommandResult CheckExportPathComponents(const std::filesystem::path& export_directory,
-                                                      const std::filesystem::path& root);
 
 // True when `path` is `root` or lies below it, by text. Case counts wherever the file system's
 // names are case-sensitive.

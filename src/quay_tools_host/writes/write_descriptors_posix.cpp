@@ -12,6 +12,7 @@
 
 #include "brimo_stack_common/posix/proc_files.h"
 #include "brimo_stack_common/posix/retry_on_eintr.h"
+#include "quay_tools_host/writes/write_path_checks.h"
 
 namespace brimo_stack::quay_tools_host::internal {
 namespace {
@@ -68,13 +69,12 @@ int OpenWithoutLinks(int anchor_fd, const std::filesystem::path& relative, uint6
 
 CommandResult OpenFailure(int error, const std::filesystem::path& directory, const std::filesystem::path& reported,
                           FileErrorKind kind) {
+  const PathWalkWords& words = PathWalkWordsFor(kind);
   if (error == ELOOP || error == EXDEV) {
-    return MakeFileError(FileErrorKind::kInvalidFilePath, kCategoryRefused, 1,
-                         "write path contains a reparse point: " + reported.string());
+    return MakeFileError(words.refusal_kind, kCategoryRefused, 1, std::string(words.contains_link) + reported.string());
   }
   if (error == ENOTDIR) {
-    return MakeFileError(FileErrorKind::kInvalidFilePath, kCategoryRefused, 1,
-                         "write path parent is not a directory: " + reported.string());
+    return MakeFileError(words.refusal_kind, kCategoryRefused, 1, std::string(words.not_directory) + reported.string());
   }
   return MakeFileError(kind, MakeSystemCommandError("inspect parent directory " + directory.string(), error));
 }

@@ -1,61 +1,49 @@
-// The write-path walks on POSIX: a symbolic link is the reparse point, seen through lstat.
+// The parent creation of the write-path walks on POSIX: a symbolic link is the reparse point,
+// seen through lstat.
 #include "quay_tools_host/writes/write_path_checks.h"
 
-#include <fcntl.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <cerrno>
 #include <string>
-#include <system_error>
 
 #include "brimo_stack_common/posix/retry_on_eintr.h"
-#include "quay_tools_host/files/file_errors.h"
 
 namespace brimo_stack::quay_tools_host::internal {
 namespace {
 
-CommandResult ReparsePointError(const std::filesystem::path& path) {
-  return MakeFileError(FileErrorKind::kInvalidFilePath, kCategoryRefused, 1,
-                       "write path contains a reparse point: " + path.string());
-}
-
-CommandResult NotADirectoryError(const std::filesystem::path& path) {
-  return MakeFileError(FileErrorKind::kInvalidFilePath, kCategoryRefused, 1,
-                       "write path parent is not a directory: " + path.string());
-}
-
-CommandResult WriteSystemError(std::string_view stage, int error) {
-  return MakeFileError(FileErrorKind::kWriteFileFailed, MakeSystemCommandError(stage, error));
+CommandResult CreationFailure(std::string_view stage, int error, const PathWalkWords& words) {
+  return MakeFileError(words.failure_kind, MakeSystemCommandError(stage, error));
 }
 
 }  // namespace
 
-CommandResult InspectDirectoryComponent(const std::filesystem::path& directory) {
+CommandResult InspectDirectoryComponent(const std::filesystem::path& directory, const PathWalkWords& words) {
   struct stat info {};
   // lstat looks at the component itself, never at what a link there points to.
   if (RetryOnEintr([&] { return ::lstat(directory.c_str(), &info); }) != 0) {
-    return WriteSystemError("inspect parent directory " + directory.string(), errno);
+    return CreationFailure("inspect parent directory " + directory.string(), errno, words);
   }
   if (S_ISLNK(info.st_mode)) {
-    return ReparsePointError(directory);
+    return MakeFileError(words.refusal_kind, kCategoryRefused, 1, std::string(words.contains_link) + directory.string());
   }
   if (!S_ISDIR(info.st_mode)) {
-    return NotADirectoryError(directory);
+    return MakeFileError(words.refusal_kind, kCategoryRefused, 1, std::string(words.not_directory) + directory.string());
   }
   return CommandResult::Success();
 }
 
-CommandResult EnsureParentDirectories(const std::filesystem::path& parent, const std::filesystem::path& root) {
+CommandResult EnsureParentDirectories(const std::filesystem::path& parent, const std::filesystem::path& root,
+                                      const PathWalkWords& words) {
   for (const std::filesystem::path& directory : ListPathsFromTop(parent, root)) {
-    CommandResult inspected = InspectDirectoryComponent(directory);
+    CommandResult inspected = InspectDirectoryComponent(directory, words);
     if (inspected.ok) {
       continue;
     }
     struct stat info {};
     if (::lstat(directory.c_str(), &info) == 0) {
       // A concurrent creator may have made it since the first look: judge what stands there now.
-      CommandResult again = InspectDirectoryComponent(directory);
+      CommandResult again = InspectDirectoryComponent(directory, words);
       if (!again.ok) {
         return again;
       }
@@ -63,48 +51,15 @@ CommandResult EnsureParentDirectories(const std::filesystem::path& parent, const
     }
     const int missing_error = errno;
     if (missing_error != ENOENT && missing_error != ENOTDIR) {
-      return WriteSystemError("inspect parent directory", missing_error);
+      return CreationFailure("inspect parent directory", missing_error, words);
     }
     // A concurrent creator of the same directory is no failure.
     if (::mkdir(directory.c_str(), 0777) != 0 && errno != EEXIST) {
-      return WriteSystemError("create parent directory", errno);
+      return CreationFailure("create parent directory", errno, words);
     }
-    CommandResult created = InspectDirectoryComponent(directory);
+    CommandResult created = InspectDirectoryComponent(directory, words);
     if (!created.ok) {
       return created;
-    }
-  }
-  return CommandResult::Success();
-}
-
-CommandResult CheckWritePathComponents(const std::filesystem::path& path, const std::filesystem::path& root) {
-  const std::vector<std::filesystem::path> elements = ListPathsFromTop(path, root);
-  for (size_t index = 0; index < elements.size(); ++index) {
-    const std::filesystem::path& element = elements[index];
-    std::error_code error;
-    // The link's own status, so that a dangling link is seen as a link and not as a gap.
-    const std::filesystem::file_status status = std::filesystem::symlink_status(element, error);
-    if (status.type() == std::filesystem::file_type::none) {
-      return MakeFileErrorFromErrorCode(FileErrorKind::kInvalidFilePath, "inspect write path", error);
-    }
-    if (status.type() == std::filesystem::file_type::not_found) {
-      continue;
-    }
-    if (status.type() == std::filesystem::file_type::symlink) {
-      return ReparsePointError(element);
-    }
-    if (index + 1 == elements.size()) {
-      break;
-    }
-    const std::filesystem::file_status again = std::filesystem::symlink_status(element, error);
-    if (again.type() == std::filesystem::file_type::none) {
-      return MakeFileErrorFromErrorCode(FileErrorKind::kInvalidFilePath, "inspect write path parent", error);
-    }
-    if (again.type() == std::filesystem::file_type::symlink) {
-      return ReparsePointError(element);
-    }
-    if (again.type() != std::filesystem::file_type::directory) {
-      return NotADirectoryError(element);
     }
   }
   return CommandResult::Success();
