@@ -79,6 +79,23 @@ TEST_F(FileReadE2eTest, EveryRefusalHasItsMessageAndTheHostGoesOn) {
   EXPECT_EQ(ContentOf(Read({{"path", r + "/dir/file.txt"}})), "     1\tx\n");
 }
 
+// The largest answer of a read, content and response around it, fits its frame: a line that
+// costs the whole read budget is answered, and one that costs the payload budget itself is
+// refused with an answer, never with a frame the channel can't send.
+TEST_F(FileReadE2eTest, LargestAnswerFitsItsFrameAndOneBeyondIsRefused) {
+  constexpr size_t kReadBudget = 16'711'614;
+  constexpr size_t kPrefixCost = 8;  // "     1\t", its tab escaped
+  dir_.WriteFile("largest.txt", std::string(kReadBudget - kPrefixCost, 'x'));
+  const std::string largest = ContentOf(Read({{"path", (root_ / "largest.txt").native()}}));
+  EXPECT_EQ(largest.size(), kReadBudget - 1);
+  for (const size_t cost : {kReadBudget + 1, size_t{0xFF0000}}) {
+    dir_.WriteFile("beyond.txt", std::string(cost - kPrefixCost, 'x'));
+    EXPECT_EQ(Refusal({{"path", (root_ / "beyond.txt").native()}}, 7, 0), "file read exceeds the IPC response limit")
+        << cost;
+  }
+  EXPECT_TRUE(Call("ping", json::object()).value("ok", false));
+}
+
 TEST_F(FileReadE2eTest, DotDotAboveTheRootStaysAtTheRoot) {
   dir_.WriteFile("f.txt", "up\n");
   std::string climb = "/../../../../..";

@@ -113,6 +113,15 @@ TEST_F(FileWriteE2eTest, CreateTempRefusals) {
   for (const Row& row : rows) {
     EXPECT_EQ(Refusal("file_create_temp", row.params, 7, 1), row.message) << row.params.dump();
   }
+  // The system would cut either path at the NUL and write where nobody asked.
+  const Row nul_rows[] = {
+      {{{"root", P("t") + std::string("\0/x", 3)}, {"sub_path", "a"}, {"content_base64", ""}}, ""},
+      {{{"root", P("t")}, {"sub_path", std::string("a\0b", 3)}, {"content_base64", ""}}, ""},
+  };
+  for (const Row& row : nul_rows) {
+    EXPECT_EQ(Refusal("file_create_temp", row.params, 7, 1), "path contains a NUL character") << row.params.dump();
+  }
+  EXPECT_FALSE(fs::exists(root_ / "t"));
   // 2796203 groups of four characters decode to 8388609 bytes, one past the limit.
   std::string base64(2796203 * 4, 'A');
   EXPECT_EQ(Refusal("file_create_temp", {{"root", P("t")}, {"sub_path", "big"}, {"content_base64", base64}}, 7, 1),

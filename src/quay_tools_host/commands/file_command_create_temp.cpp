@@ -23,6 +23,10 @@ CommandResult FileCommandService::CreateTempFile(const FileCreateTempRequest& re
   if (request.root.empty()) {
     return Refuse("temp file root is empty");
   }
+  // The system would cut a path at a NUL and write somewhere else than was checked.
+  if (request.root.find('\0') != std::string::npos || request.sub_path.find('\0') != std::string::npos) {
+    return Refuse("path contains a NUL character");
+  }
   if (std::optional<std::string> refusal = internal::ValidateTempSubPath(request.sub_path)) {
     return Refuse(std::move(*refusal));
   }

@@ -6,13 +6,18 @@
 #include <string_view>
 #include <vector>
 
+#include "brimo_stack/local_runtime/ipc/json_line_channel.h"
 #include "brimo_stack_common/command_result.h"
 #include "quay_tools_host/files/file_read_primitives.h"
 
 namespace brimo_stack::quay_tools_host::internal {
 
-// The payload budget of one frame, 64 KiB below the frame limit.
-inline constexpr uint64_t kFileReadResponseBudget = 0xFF0000;
+// What the channel's payload estimate charges for the answer around a read's content:
+// {"ok":true,"outputs":[{"data":{"content":""},"type":"json"}]}, the empty content included.
+inline constexpr uint64_t kFileReadEnvelopeCost = 66;
+// The escaped content of one read: the payload budget of a frame less the answer around it,
+// so that the largest read answer still fits its frame.
+inline constexpr uint64_t kFileReadResponseBudget = local_runtime::ipc::kPayloadBudgetBytes - kFileReadEnvelopeCost;
 inline constexpr uint64_t kFileReadBufferSize = 65536;
 
 // Bytes one input byte takes inside a JSON string: 2 for the short escapes, 6 for other

@@ -1,6 +1,7 @@
 // The line scan and the budgeted reader on real files, at the edges of the reader's buffer.
 #include <gtest/gtest.h>
 
+#include "brimo_stack/local_runtime/ipc/json_host_run_loop.h"
 #include "quay_tools_host/files/file_read_lines.h"
 #include "quay_tools_host/files/read_line_numbers.h"
 #include "support/temp_dir.h"
@@ -143,6 +144,17 @@ TEST_F(FileReadLinesTest, GrowthAfterTheSnapshotIsNotSeen) {
   Open("a\nb\n");
   file_.size = 2;
   EXPECT_EQ(Read(0, 5), "     1\ta\n");
+}
+
+// The read budget is what the channel's estimate leaves for the content once the answer around
+// it is paid: a content of exactly the budget fits, one byte more does not.
+TEST(FileReadBudgetTest, ContentOfTheWholeBudgetFitsItsFrame) {
+  for (const uint64_t length : {kFileReadResponseBudget, kFileReadResponseBudget + 1}) {
+    const nlohmann::json response = local_runtime::BuildResponseEnvelope(
+        MakeJsonOutputResult({{"content", std::string(static_cast<size_t>(length), 'x')}}));
+    uint64_t budget = local_runtime::ipc::kPayloadBudgetBytes;
+    EXPECT_EQ(local_runtime::ipc::FitsPayloadBudget(response, budget, 0), length == kFileReadResponseBudget) << length;
+  }
 }
 
 TEST(JsonEscapedCostTest, CountsShortAndUnicodeEscapes) {
