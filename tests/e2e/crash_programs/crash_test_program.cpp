@@ -22,8 +22,9 @@
 namespace {
 
 int g_never_written[2] = {-1, -1};
+constexpr int kBlockedThreads = 4;  // alpha, beta, gamma and the main thread
 std::atomic<int> g_ready{0};
-std::atomic<long> g_blocked_tids[3];
+std::atomic<long> g_blocked_tids[kBlockedThreads];
 volatile int g_sink = 0;
 
 void WriteOut(std::string_view text) {
@@ -45,6 +46,38 @@ void BlockForever(int slot) {
   g_sink = static_cast<int>(::read(g_never_written[0], &byte, 1));
 }
 
+// True once the thread sits in the kernel inside read(2): its stack is then what the dump must
+// show. The kernel's own view, not a flag the thread sets just before it gets there.
+bool IsParkedInRead(long tid) {
+  const std::string path = "/proc/self/task/" + std::to_string(tid) + "/syscall";
+  char text[64] = {};
+  const int file = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  if (file < 0) {
+    return false;
+  }
+  const ssize_t got = ::read(file, text, sizeof(text) - 1);
+  ::close(file);
+  const std::string expected = std::to_string(SYS_read) + " ";
+  return got > 0 && std::string_view(text, static_cast<size_t>(got)).starts_with(expected);
+}
+
+void WaitUntilEveryThreadIsParked() {
+  while (g_ready.load() < kBlockedThreads) {
+    ::usleep(1000);
+  }
+  // Bounded, so that a kernel without the syscall file still gets its crash, if a flaky one.
+  for (int round = 0; round < 10'000; ++round) {
+    bool parked = true;
+    for (const auto& tid : g_blocked_tids) {
+      parked = parked && IsParkedInRead(tid.load());
+    }
+    if (parked) {
+      return;
+    }
+    ::usleep(1000);
+  }
+}
+
 [[noreturn]] void WriteThroughNull() {
   volatile int* nowhere = nullptr;
   *nowhere = 1;
@@ -61,19 +94,18 @@ void QuayCrashBlockedBeta() { BlockForever(1); }
 void QuayCrashBlockedGamma() { BlockForever(2); }
 
 void QuayCrashFaultingWorker() {
-  while (g_ready.load() < 3) {
-    ::usleep(1000);
-  }
+  WaitUntilEveryThreadIsParked();
+  // The main thread's id is the process id; it stands first, then the other blocked threads.
   std::string line = "threads=" + std::to_string(::getpid());
-  for (const auto& tid : g_blocked_tids) {
-    line += " " + std::to_string(tid.load());
+  for (int slot = 0; slot < 3; ++slot) {
+    line += " " + std::to_string(g_blocked_tids[slot].load());
   }
   line += " " + std::to_string(ThreadId()) + "\n";
   WriteOut(line);
   WriteThroughNull();
 }
 
-void QuayCrashMainWaiting(std::thread& faulting) { faulting.join(); }
+void QuayCrashMainWaiting() { BlockForever(3); }
 
 }  // extern "C"
 
@@ -87,7 +119,8 @@ void RunWorkerFault() {
   std::thread beta(QuayCrashBlockedBeta);
   std::thread gamma(QuayCrashBlockedGamma);
   std::thread faulting(QuayCrashFaultingWorker);
-  QuayCrashMainWaiting(faulting);
+  QuayCrashMainWaiting();
+  faulting.join();
   alpha.join();
   beta.join();
   gamma.join();
