@@ -1,6 +1,7 @@
 // Launch refusals and the log file, through the built binary.
 #include <gtest/gtest.h>
 
+#include <cerrno>
 #include <filesystem>
 #include <regex>
 #include <string>
@@ -80,6 +81,24 @@ INSTANTIATE_TEST_SUITE_P(
                    {kOption, R"({"log":{"log_dir":"","log_level":0,"z":1},"transport":null,"telemetry_endpoint":2.5,"x":[]})"},
                    true}),
     [](const auto& info) { return std::string(info.param.name); });
+
+// The arguments come from main, not from /proc: without /proc the host starts and serves, and a
+// command that needs /proc to name what it opened says so instead of reporting a missing file.
+TEST(HostLaunch, WithoutProcTheHostServesAndSaysWhatIsMissing) {
+  if (!quay_test::CanHideProc()) {
+    GTEST_SKIP() << "this machine gives no mount namespace in which to hide /proc";
+  }
+  const quay_test::TempDir dir;
+  const auto file = dir.WriteFile("f.txt", "x\n");
+  HostProcess host({std::string(kOption), quay_test::DefaultLaunchConfig()}, {}, "", /*hide_proc=*/true);
+  EXPECT_EQ(host.Call({{"method", "ping"}}).dump(), R"({"ok":true})");
+  EXPECT_EQ(host.Call({{"method", "file_read"}, {"params", {{"path", file.native()}}}})["error"],
+            nlohmann::json({{"category", 6},
+                            {"code", ENOENT},
+                            {"message", "INVALID_FILE_PATH: resolve real path failed: /proc is not mounted"}}));
+  host.CloseStdin();
+  EXPECT_EQ(host.Wait().code, 0);
+}
 
 // Runs one session with logging at `level` and returns the log file's text.
 std::string RunLoggedSession(const quay_test::TempDir& dir, int level, pid_t& pid) {

@@ -4,6 +4,8 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
+#include <sched.h>
+#include <sys/mount.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -22,12 +24,27 @@ void CloseFd(int& fd) {
   }
 }
 
+// An empty /proc in a mount namespace of this process alone.
+bool HideProc() {
+  return ::unshare(CLONE_NEWNS) == 0 && ::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
+         ::mount("none", "/proc", "tmpfs", 0, nullptr) == 0;
+}
+
 }  // namespace
 
 std::string DefaultLaunchConfig() { return R"({"log":{"log_dir":"","log_level":0},"transport":null})"; }
 
+bool CanHideProc() {
+  const pid_t child = ::fork();
+  if (child == 0) {
+    ::_exit(HideProc() ? 0 : 1);
+  }
+  int status = 0;
+  return child > 0 && ::waitpid(child, &status, 0) == child && WIFEXITED(status) && WEXITSTATUS(status) == 0;
+}
+
 HostProcess::HostProcess(const std::vector<std::string>& arguments, const std::vector<std::string>& extra_env,
-                         const std::string& stdin_path) {
+                         const std::string& stdin_path, bool hide_proc) {
   int in[2], out[2], err[2];
   if (::pipe2(in, O_CLOEXEC) != 0 || ::pipe2(out, O_CLOEXEC) != 0 || ::pipe2(err, O_CLOEXEC) != 0) {
     throw std::runtime_error("pipe2 failed");
@@ -57,6 +74,7 @@ HostProcess::HostProcess(const std::vector<std::string>& arguments, const std::v
     throw std::runtime_error("fork failed");
   }
   if (pid_ == 0) {
+    if (hide_proc && !HideProc()) ::_exit(125);
     if (!stdin_path.empty()) {
       const int fd = ::open(stdin_path.c_str(), O_RDONLY);
       if (fd < 0) ::_exit(126);

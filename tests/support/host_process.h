@@ -16,6 +16,10 @@ namespace quay_test {
 // The launch JSON without logging or crash handling.
 [[nodiscard]] std::string DefaultLaunchConfig();
 
+// Whether this machine lets a child hide /proc behind an empty mount of its own (root, or a
+// user namespace that allows it).
+[[nodiscard]] bool CanHideProc();
+
 struct ExitStatus {
   bool exited = false;   // normal exit with `code`
   int code = -1;
@@ -25,9 +29,10 @@ struct ExitStatus {
 class HostProcess {
  public:
   // Starts the binary with exactly these arguments after the program name. With `stdin_path`,
-  // standard input is that file opened read-only instead of a pipe.
+  // standard input is that file opened read-only instead of a pipe. With `hide_proc`, the child
+  // runs in a mount namespace of its own with an empty /proc (see CanHideProc).
   explicit HostProcess(const std::vector<std::string>& arguments, const std::vector<std::string>& extra_env = {},
-                       const std::string& stdin_path = "");
+                       const std::string& stdin_path = "", bool hide_proc = false);
   // Starts it with `--brimo-stack-host-config <config>`.
   static HostProcess WithConfig(const std::string& config = DefaultLaunchConfig(),
                                 const std::vector<std::string>& extra_env = {});
