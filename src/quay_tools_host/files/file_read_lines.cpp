@@ -175,13 +175,12 @@ CommandResult FileLineScan(const CachedReadFile& file, uint64_t target_line, Lin
   return CommandResult::Success();
 }
 
-bool EnsureBuffered(BufferedFileCursor& cursor, size_t count, CommandResult& failure) {
+CommandResult EnsureBuffered(BufferedFileCursor& cursor, size_t count) {
   if (!cursor.seek_result.ok) {
-    failure = cursor.seek_result;
-    return false;
+    return cursor.seek_result;
   }
   while (cursor.unread() < count) {
-    if (cursor.offset + cursor.unread() >= cursor.size) return false;
+    if (cursor.offset + cursor.unread() >= cursor.size) return CommandResult::Success();
     const size_t unread = cursor.unread();
     std::memmove(cursor.buffer.data(), cursor.buffer.data() + cursor.consumed, unread);
     cursor.consumed = 0;
@@ -191,36 +190,33 @@ bool EnsureBuffered(BufferedFileCursor& cursor, size_t count, CommandResult& fai
     uint64_t got = 0;
     CommandResult read = ReadCached(cursor.file, cursor.buffer.data() + unread, want, got);
     if (!read.ok) {
-      failure = std::move(read);
-      return false;
+      return read;
     }
     if (got == 0 || got < want) {
-      failure = MakeFileError(FileErrorKind::kReadFileFailed, kCategoryInternal, 0,
-                              "cached file read ended before its validated snapshot size: " +
-                                  PathToUtf8(cursor.file.path));
-      return false;
+      return MakeFileError(FileErrorKind::kReadFileFailed, kCategoryInternal, 0,
+                           "cached file read ended before its validated snapshot size: " +
+                               PathToUtf8(cursor.file.path));
     }
     cursor.filled += static_cast<size_t>(got);
   }
-  return true;
+  return CommandResult::Success();
 }
 
 CommandResult ReadOneLine(BufferedFileCursor& cursor, uint64_t budget, ReadLine& line) {
   line = ReadLine{};
   line.has_data = cursor.offset < cursor.size;
   if (!line.has_data) return CommandResult::Success();
-  CommandResult failure = CommandResult::Success();
   size_t terminator = 0;
   while (true) {
-    if (!EnsureBuffered(cursor, 1, failure)) {
-      if (!failure.ok) return failure;
+    if (CommandResult buffered = EnsureBuffered(cursor, 1); !buffered.ok) return buffered;
+    if (cursor.unread() == 0) {
       line.complete = true;
       return CommandResult::Success();
     }
     const auto* data = reinterpret_cast<const unsigned char*>(cursor.buffer.data());
     const unsigned char c = data[cursor.consumed];
     if (c == '\r') {
-      if (!EnsureBuffered(cursor, 2, failure) && !failure.ok) return failure;
+      if (CommandResult buffered = EnsureBuffered(cursor, 2); !buffered.ok) return buffered;
       data = reinterpret_cast<const unsigned char*>(cursor.buffer.data());
       terminator = cursor.unread() >= 2 && data[cursor.consumed + 1] == '\n' ? 2 : 1;
       break;
@@ -261,8 +257,8 @@ CommandResult ReadOneLine(BufferedFileCursor& cursor, uint64_t budget, ReadLine&
       if (CharacterCost(c, length) > left || cursor.consumed + static_cast<size_t>(length) <= cursor.filled) {
         return CommandResult::Success();
       }
-      if (!EnsureBuffered(cursor, static_cast<size_t>(length), failure)) {
-        if (!failure.ok) return failure;
+      if (CommandResult buffered = EnsureBuffered(cursor, static_cast<size_t>(length)); !buffered.ok) return buffered;
+      if (cursor.unread() < static_cast<size_t>(length)) {
         return NotUtf8(cursor);  // cut off by the end of the file
       }
       if (!IsValidUtf8(std::string_view(cursor.buffer.data() + cursor.consumed, static_cast<size_t>(length)))) {

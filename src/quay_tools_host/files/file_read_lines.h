@@ -73,8 +73,8 @@ struct ReadLine {
 // One line, validated a character at a time and cut at a character boundary by `budget`.
 [[nodiscard]] CommandResult ReadOneLine(BufferedFileCursor& cursor, uint64_t budget, ReadLine& line);
 
-// True when `count` unread bytes are buffered; false with `failure` set on a read failure and
-// false with `failure` untouched when the file has no more bytes.
-[[nodiscard]] bool EnsureBuffered(BufferedFileCursor& cursor, size_t count, CommandResult& failure);
+// Buffers `count` unread bytes, or as many as the file has left before its snapshot size: the
+// caller tells the two apart by `cursor.unread()`. A failure is a failed or short read.
+[[nodiscard]] CommandResult EnsureBuffered(BufferedFileCursor& cursor, size_t count);
 
 }  // namespace brimo_stack::quay_tools_host::internal
