@@ -217,11 +217,11 @@ CommandResult FinishTemp(const WriteDirectory& directory, const std::string& tem
   return filled;
 }
 
-}  // namespace
-
-CommandResult WriteTempAndReplace(const std::filesystem::path& temp, const std::filesystem::path& target,
-                                  std::string_view bytes, const std::filesystem::path& root) {
-  constexpr FileErrorKind kind = FileErrorKind::kWriteFileFailed;
+// Opens the target's directory without links, creates the temporary there, lets `fill` write
+// it, then flushes, closes and commits it. Every failure removes the temporary.
+template <typename Fill>
+CommandResult ReplaceThroughTemp(const std::filesystem::path& temp, const std::filesystem::path& target,
+                                 const std::filesystem::path& root, FileErrorKind kind, Fill fill) {
   WriteDirectory directory;
   CommandResult step = directory.OpenParentOf(target, root, kind);
   if (!step.ok) {
@@ -233,53 +233,38 @@ CommandResult WriteTempAndReplace(const std::filesystem::path& temp, const std::
   if (!step.ok) {
     return step;
   }
-  step = FinishTemp(directory, temp_name, kind, file, TempFileWriter(file.get(), kind).Write(bytes, nullptr));
+  TempFileWriter writer(file.get(), kind);
+  step = FinishTemp(directory, temp_name, kind, file, fill(writer));
   if (!step.ok) {
     return step;
   }
   return CommitTempFileAt(directory, temp_name, EntryNameOf(target), kind);
 }
 
+}  // namespace
+
+CommandResult WriteTempAndReplace(const std::filesystem::path& temp, const std::filesystem::path& target,
+                                  std::string_view bytes, const std::filesystem::path& root) {
+  return ReplaceThroughTemp(temp, target, root, FileErrorKind::kWriteFileFailed,
+                            [bytes](TempFileWriter& writer) { return writer.Write(bytes, nullptr); });
+}
+
 CommandResult CopyFileAtomically(const std::filesystem::path& local, const std::filesystem::path& target,
                                  FileErrorKind kind, uint64_t& bytes_written, const std::filesystem::path& root) {
   bytes_written = 0;
-  const std::filesystem::path temp = MakeTempSiblingPath(target);
   ScopedFd source;
   struct stat source_info {};
-  CommandResult step = OpenLocalSource(local, kind, source, source_info);
-  if (!step.ok) {
-    return step;
+  CommandResult opened = OpenLocalSource(local, kind, source, source_info);
+  if (!opened.ok) {
+    return opened;
   }
-  WriteDirectory directory;
-  step = directory.OpenParentOf(target, root, kind);
-  if (!step.ok) {
-    return step;
-  }
-  const std::string temp_name = EntryNameOf(temp);
-  ScopedFd file;
-  step = CreateTemp(directory, temp_name, kind, file);
-  if (!step.ok) {
-    return step;
-  }
-  std::vector<char> block(kCopyBlockBytes);
-  TempFileWriter writer(file.get(), kind);
-  CommandResult copied;
-  while (copied.ok) {
-    const ssize_t got = RetryOnEintr([&] { return ::read(source.get(), block.data(), block.size()); });
-    if (got < 0) {
-      copied = StageError(kind, "read local_path", errno);
-    } else if (got == 0) {
-      break;
-    } else {
-      copied = writer.Write(std::string_view(block.data(), static_cast<size_t>(got)), &bytes_written);
-    }
-  }
-  source.Reset();
-  step = FinishTemp(directory, temp_name, kind, file, std::move(copied));
-  if (!step.ok) {
-    return step;
-  }
-  return CommitTempFileAt(directory, temp_name, EntryNameOf(target), kind);
+  return ReplaceThroughTemp(MakeTempSiblingPath(target), target, root, kind, [&](TempFileWriter& writer) {
+    CommandResult copied = CopyLocalSource(source.get(), kind, [&](std::string_view block) {
+      return writer.Write(block, &bytes_written);
+    });
+    source.Reset();
+    return copied;
+  });
 }
 
 CommandResult MoveFileWithRetry(const std::filesystem::path& temp, const std::filesystem::path& target,

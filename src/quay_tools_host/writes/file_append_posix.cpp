@@ -8,11 +8,9 @@
 
 #include <cerrno>
 #include <string>
-#include <vector>
 
 #include "brimo_stack_common/posix/retry_on_eintr.h"
 #include "brimo_stack_common/posix/scoped_fd.h"
-#include "quay_tools_host/writes/atomic_file_writer.h"
 #include "quay_tools_host/writes/write_descriptors_posix.h"
 
 namespace brimo_stack::quay_tools_host::internal {
@@ -103,20 +101,11 @@ CommandResult AppendFileToFile(const std::filesystem::path& local, const std::fi
   if (source_info.st_dev == target_info.st_dev && source_info.st_ino == target_info.st_ino) {
     return MakeFileError(kKind, kCategoryRefused, 1, "local_path and append target must be different files");
   }
-  std::vector<char> block(kCopyBlockBytes);
-  while (true) {
-    const ssize_t got = RetryOnEintr([&] { return ::read(source.get(), block.data(), block.size()); });
-    if (got < 0) {
-      return StageError("read local_path", errno);
-    }
-    if (got == 0) {
-      break;
-    }
-    step = WriteAllToFd(file.get(), std::string_view(block.data(), static_cast<size_t>(got)), kKind,
-                        "append target file", &bytes_written);
-    if (!step.ok) {
-      return step;
-    }
+  step = CopyLocalSource(source.get(), kKind, [&](std::string_view block) {
+    return WriteAllToFd(file.get(), block, kKind, "append target file", &bytes_written);
+  });
+  if (!step.ok) {
+    return step;
   }
   source.Reset();
   return FinishAppend(directory, file);

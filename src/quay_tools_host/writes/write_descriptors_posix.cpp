@@ -9,9 +9,11 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <vector>
 
 #include "brimo_stack_common/posix/proc_files.h"
 #include "brimo_stack_common/posix/retry_on_eintr.h"
+#include "quay_tools_host/writes/atomic_file_writer.h"
 #include "quay_tools_host/writes/write_path_checks.h"
 
 namespace brimo_stack::quay_tools_host::internal {
@@ -157,6 +159,24 @@ CommandResult OpenLocalSource(const std::filesystem::path& local, FileErrorKind 
     return not_regular();
   }
   return CommandResult::Success();
+}
+
+CommandResult CopyLocalSource(int source, FileErrorKind kind,
+                              const std::function<CommandResult(std::string_view)>& sink) {
+  std::vector<char> block(kCopyBlockBytes);
+  for (;;) {
+    const ssize_t got = RetryOnEintr([&] { return ::read(source, block.data(), block.size()); });
+    if (got < 0) {
+      return MakeFileError(kind, MakeSystemCommandError("read local_path", errno));
+    }
+    if (got == 0) {
+      return CommandResult::Success();
+    }
+    CommandResult written = sink(std::string_view(block.data(), static_cast<size_t>(got)));
+    if (!written.ok) {
+      return written;
+    }
+  }
 }
 
 std::string EntryNameOf(const std::filesystem::path& path) { return path.filename().native(); }

@@ -8,6 +8,7 @@
 
 #include <cstdint>
 #include <filesystem>
+#include <functional>
 #include <string>
 #include <string_view>
 
@@ -48,6 +49,11 @@ class WriteDirectory {
 // be a regular file on the open descriptor.
 [[nodiscard]] CommandResult OpenLocalSource(const std::filesystem::path& local, FileErrorKind kind, ScopedFd& source,
                                             struct stat& info);
+
+// Reads `source` to its end in blocks of 64 KiB and hands each block to `sink`, which answers
+// with the result of writing it; a failed read is the stage "read local_path".
+[[nodiscard]] CommandResult CopyLocalSource(int source, FileErrorKind kind,
+                                            const std::function<CommandResult(std::string_view)>& sink);
 
 // The last component of a path, as the name of a directory entry.
 [[nodiscard]] std::string EntryNameOf(const std::filesystem::path& path);
