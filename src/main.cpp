@@ -2,9 +2,9 @@
 #include <spdlog/sinks/stdout_sinks.h>
 #include <spdlog/spdlog.h>
 
+#include "brimo_stack/local_runtime/crash/self_managed_crash_handler.h"
 #include "brimo_stack/local_runtime/host_launch_config.h"
 #include "brimo_stack/local_runtime/process_info.h"
-#include "brimo_stack/local_runtime/crash/self_managed_crash_handler.h"
 #include "quay_tools_host/quay_tools_host_application.h"
 
 int main(int argc, char** argv) {

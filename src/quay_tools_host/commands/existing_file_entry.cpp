@@ -1,8 +1,8 @@
 // The entry check of every command that works on a file that must already exist.
 #include "quay_tools_host/commands/existing_file_entry.h"
 
-#include "quay_tools_host/policy/file_access_policy.h"
 #include "quay_tools_host/files/file_paths.h"
+#include "quay_tools_host/policy/file_access_policy.h"
 
 namespace brimo_stack::quay_tools_host::internal {
 

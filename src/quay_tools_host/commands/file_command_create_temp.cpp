@@ -3,10 +3,10 @@
 #include <system_error>
 
 #include "brimo_stack_common/base64.h"
-#include "quay_tools_host/writes/atomic_file_writer.h"
 #include "quay_tools_host/file_command_service.h"
 #include "quay_tools_host/files/file_errors.h"
 #include "quay_tools_host/files/file_paths.h"
+#include "quay_tools_host/writes/atomic_file_writer.h"
 #include "quay_tools_host/writes/temp_file_paths.h"
 #include "quay_tools_host/writes/write_path_checks.h"
 

@@ -2,13 +2,13 @@
 #include <cstdint>
 #include <system_error>
 
-#include "quay_tools_host/writes/atomic_file_writer.h"
-#include "quay_tools_host/writes/export_target.h"
-#include "quay_tools_host/policy/file_access_policy.h"
 #include "quay_tools_host/commands/existing_file_entry.h"
 #include "quay_tools_host/file_command_service.h"
 #include "quay_tools_host/files/file_errors.h"
 #include "quay_tools_host/files/file_paths.h"
+#include "quay_tools_host/policy/file_access_policy.h"
+#include "quay_tools_host/writes/atomic_file_writer.h"
+#include "quay_tools_host/writes/export_target.h"
 
 namespace brimo_stack::quay_tools_host {
 namespace {

@@ -4,13 +4,13 @@
 #include <limits>
 #include <string>
 
-#include "quay_tools_host/policy/file_access_policy.h"
 #include "quay_tools_host/commands/existing_file_entry.h"
 #include "quay_tools_host/file_command_service.h"
 #include "quay_tools_host/files/file_errors.h"
 #include "quay_tools_host/files/file_paths.h"
 #include "quay_tools_host/files/file_read_lines.h"
 #include "quay_tools_host/files/file_read_primitives.h"
+#include "quay_tools_host/policy/file_access_policy.h"
 
 namespace brimo_stack::quay_tools_host {
 namespace {

@@ -1,14 +1,14 @@
 // file_write: a text or a local file's bytes at a path, whole through a temporary or appended.
 #include <filesystem>
 
-#include "quay_tools_host/writes/atomic_file_writer.h"
-#include "quay_tools_host/writes/file_append.h"
-#include "quay_tools_host/policy/file_access_policy.h"
 #include "quay_tools_host/commands/existing_file_entry.h"
 #include "quay_tools_host/file_command_service.h"
 #include "quay_tools_host/files/file_errors.h"
 #include "quay_tools_host/files/file_paths.h"
 #include "quay_tools_host/files/read_line_numbers.h"
+#include "quay_tools_host/policy/file_access_policy.h"
+#include "quay_tools_host/writes/atomic_file_writer.h"
+#include "quay_tools_host/writes/file_append.h"
 #include "quay_tools_host/writes/write_path_checks.h"
 
 namespace brimo_stack::quay_tools_host {

@@ -3,8 +3,8 @@
 
 #include <charconv>
 
-#include "quay_tools_host/writes/atomic_file_writer.h"
 #include "quay_tools_host/files/file_errors.h"
+#include "quay_tools_host/writes/atomic_file_writer.h"
 
 namespace brimo_stack::quay_tools_host::internal {
 namespace {

@@ -5,9 +5,9 @@
 #include <cstring>
 
 #include "brimo_stack_common/byte_vector.h"
+#include "brimo_stack_common/utf8.h"
 #include "quay_tools_host/files/file_errors.h"
 #include "quay_tools_host/files/file_paths.h"
-#include "brimo_stack_common/utf8.h"
 #include "quay_tools_host/files/read_line_numbers.h"
 
 namespace brimo_stack::quay_tools_host::internal {

@@ -16,9 +16,9 @@
 #include "brimo_stack_common/posix/proc_files.h"
 #include "brimo_stack_common/posix/retry_on_eintr.h"
 #include "brimo_stack_common/posix/scoped_fd.h"
+#include "brimo_stack_common/utf8.h"
 #include "quay_tools_host/files/file_errors.h"
 #include "quay_tools_host/files/file_paths.h"
-#include "brimo_stack_common/utf8.h"
 
 namespace brimo_stack::quay_tools_host::internal {
 
