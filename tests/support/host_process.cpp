@@ -1,4 +1,4 @@
-// The built host binary as a child on real pipes, for end-to-end tests.
+// The built host binary (or another program) as a child on real pipes, for end-to-end tests.
 #include "support/host_process.h"
 
 #include <fcntl.h>
@@ -44,13 +44,13 @@ bool CanHideProc() {
 }
 
 HostProcess::HostProcess(const std::vector<std::string>& arguments, const std::vector<std::string>& extra_env,
-                         const std::string& stdin_path, bool hide_proc) {
+                         const std::string& stdin_path, bool hide_proc, const std::string& program) {
   int in[2], out[2], err[2];
   if (::pipe2(in, O_CLOEXEC) != 0 || ::pipe2(out, O_CLOEXEC) != 0 || ::pipe2(err, O_CLOEXEC) != 0) {
     throw std::runtime_error("pipe2 failed");
   }
   std::vector<std::string> argv_storage;
-  argv_storage.emplace_back(QUAY_TOOLS_HOST_BINARY);
+  argv_storage.push_back(program);
   argv_storage.insert(argv_storage.end(), arguments.begin(), arguments.end());
   std::vector<char*> argv;
   for (auto& a : argv_storage) argv.push_back(a.data());
@@ -83,7 +83,7 @@ HostProcess::HostProcess(const std::vector<std::string>& arguments, const std::v
     ::dup2(in[0], 0);
     ::dup2(out[1], 1);
     ::dup2(err[1], 2);
-    ::execve(argv[0], argv.data(), envp.data());
+    ::execvpe(argv[0], argv.data(), envp.data());
     ::_exit(127);
   }
   ::close(in[0]);
@@ -200,6 +200,7 @@ ExitStatus HostProcess::Wait(std::chrono::milliseconds timeout) {
     result.code = WEXITSTATUS(status);
   } else if (WIFSIGNALED(status)) {
     result.signal = WTERMSIG(status);
+    result.core_dumped = WCOREDUMP(status);
   }
   status_ = result;
   return result;

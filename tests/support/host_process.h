@@ -1,4 +1,4 @@
-// The built host binary as a child on real pipes, for end-to-end tests.
+// The built host binary (or another program) as a child on real pipes, for end-to-end tests.
 #pragma once
 
 #include <sys/types.h>
@@ -24,15 +24,18 @@ struct ExitStatus {
   bool exited = false;   // normal exit with `code`
   int code = -1;
   int signal = 0;        // the signal that ended the child, when not `exited`
+  bool core_dumped = false;
 };
 
 class HostProcess {
  public:
   // Starts the binary with exactly these arguments after the program name. With `stdin_path`,
   // standard input is that file opened read-only instead of a pipe. With `hide_proc`, the child
-  // runs in a mount namespace of its own with an empty /proc (see CanHideProc).
+  // runs in a mount namespace of its own with an empty /proc (see CanHideProc). `program` is
+  // looked up on PATH when it has no slash.
   explicit HostProcess(const std::vector<std::string>& arguments, const std::vector<std::string>& extra_env = {},
-                       const std::string& stdin_path = "", bool hide_proc = false);
+                       const std::string& stdin_path = "", bool hide_proc = false,
+                       const std::string& program = QUAY_TOOLS_HOST_BINARY);
   // Starts it with `--brimo-stack-host-config <config>`.
   static HostProcess WithConfig(const std::string& config = DefaultLaunchConfig(),
                                 const std::vector<std::string>& extra_env = {});
