@@ -13,39 +13,19 @@ using ipc::JsonHostReadResult;
 using ipc::JsonHostReadStatus;
 using nlohmann::json;
 
-struct ScriptedRead {
-  JsonHostReadStatus status;
-  json value;
-};
-
+// Hands out the scripted values, then end of input. What the real channel reports for bad
+// frames, and what the loop makes of it, is tried end to end (e2e/host_protocol_test).
 class ScriptedChannel final : public ipc::IJsonLineChannel {
  public:
-  std::deque<ScriptedRead> reads;
+  std::deque<json> reads;
   std::vector<json> written;
   bool fail_writes = false;
 
   CommandResult ReadMessage(JsonHostReadResult& out) override {
-    out.value = nullptr;
-    if (reads.empty()) {
-      out.status = JsonHostReadStatus::kEndOfInput;
-      return CommandResult::Success();
-    }
-    ScriptedRead next = reads.front();
-    reads.pop_front();
-    out.status = next.status;
-    switch (next.status) {
-      case JsonHostReadStatus::kValue:
-        out.value = next.value;
-        return CommandResult::Success();
-      case JsonHostReadStatus::kInvalidJson:
-        return CommandResult::Failure(3, 0, "invalid json request");
-      case JsonHostReadStatus::kTooLarge:
-        return CommandResult::Failure(3, 0, "request exceeds the 16 MiB IPC frame limit");
-      case JsonHostReadStatus::kReadFailed:
-        return CommandResult::Failure(6, 5, "read host IPC request failed: x");
-      default:
-        return CommandResult::Success();
-    }
+    out.status = reads.empty() ? JsonHostReadStatus::kEndOfInput : JsonHostReadStatus::kValue;
+    out.value = reads.empty() ? json(nullptr) : reads.front();
+    if (!reads.empty()) reads.pop_front();
+    return CommandResult::Success();
   }
 
   CommandResult WriteMessage(const json& value) override {
@@ -72,7 +52,7 @@ JsonHostDispatchResult EchoDispatch(const JsonHostRequest& request) {
 
 struct LoopCase {
   const char* name;
-  std::vector<ScriptedRead> reads;
+  std::vector<json> reads;
   bool fail_writes;
   int exit_code;
   std::vector<std::string> responses;
@@ -92,41 +72,26 @@ TEST_P(RunLoop, ExitCodeAndResponses) {
   EXPECT_EQ(dumped, c.responses);
 }
 
-ScriptedRead Value(json v) { return {JsonHostReadStatus::kValue, std::move(v)}; }
-ScriptedRead Status(JsonHostReadStatus s) { return {s, nullptr}; }
-
 const char* kInternal = R"({"error":{"category":3,"code":0,"message":"internal host request failure"},"ok":false})";
 
+// End of input, bad frames, write failures, shutdown and requests that are no object are met
+// through the built host; these are the outcomes only a dispatch function can bring about.
 INSTANTIATE_TEST_SUITE_P(
     Outcomes, RunLoop,
     ::testing::Values(
-        LoopCase{"EndOfInput", {}, false, 0, {}},
-        LoopCase{"ReadFailure", {Status(JsonHostReadStatus::kReadFailed)}, false, 2, {}},
-        LoopCase{"TooLarge", {Status(JsonHostReadStatus::kTooLarge), Value({{"method", "x"}})}, false, 1, {}},
-        LoopCase{"InvalidJson",
-                 {Status(JsonHostReadStatus::kInvalidJson), Value({{"method", "x"}})},
-                 false,
-                 1,
-                 {R"({"error":{"category":3,"code":0,"message":"invalid json request"},"ok":false})"}},
-        LoopCase{"InvalidJsonWriteFails", {Status(JsonHostReadStatus::kInvalidJson)}, true, 3, {R"({"error":{"category":3,"code":0,"message":"invalid json request"},"ok":false})"}},
         LoopCase{"ContinueThenEof",
-                 {Value({{"method", "m"}, {"sdk_call_id", "c"}, {"params", {1}}}), Value(nullptr)},
+                 {{{"method", "m"}, {"sdk_call_id", "c"}, {"params", {1}}}, nullptr},
                  false,
                  0,
                  {R"({"ok":true,"outputs":[{"data":{"id":"c","method":"m","params":[1]},"type":"json"}]})",
                   R"({"ok":true,"outputs":[{"data":{"id":"","method":"","params":{}},"type":"json"}]})"}},
-        LoopCase{"ContinueWriteFails", {Value({{"method", "m"}})}, true, 3, {R"({"ok":true,"outputs":[{"data":{"id":"","method":"m","params":{}},"type":"json"}]})"}},
-        LoopCase{"StopSuccess", {Value({{"method", "stop"}}), Value({{"method", "m"}})}, false, 0, {R"({"ok":true})"}},
-        LoopCase{"StopSuccessWriteFails", {Value({{"method", "stop"}})}, true, 3, {R"({"ok":true})"}},
-        LoopCase{"StopFailure", {Value({{"method", "abort"}})}, false, 1, {R"({"ok":true})"}},
-        LoopCase{"StandardException", {Value({{"method", "throw"}}), Value({{"method", "m"}})}, false, 1, {kInternal}},
-        LoopCase{"OtherException", {Value({{"method", "throw_int"}})}, false, 1, {kInternal}},
-        LoopCase{"NotARequest", {Value({1, 2})}, false, 1, {kInternal}},
-        LoopCase{"MethodNotAString", {Value({{"method", 1}})}, false, 1, {kInternal}},
-        LoopCase{"ParamsNullStays", {Value({{"method", "m"}, {"params", nullptr}})}, false, 0,
+        LoopCase{"StopFailure", {{{"method", "abort"}}}, false, 1, {R"({"ok":true})"}},
+        LoopCase{"StandardException", {{{"method", "throw"}}, {{"method", "m"}}}, false, 1, {kInternal}},
+        LoopCase{"OtherException", {{{"method", "throw_int"}}}, false, 1, {kInternal}},
+        LoopCase{"ParamsNullStays", {{{"method", "m"}, {"params", nullptr}}}, false, 0,
                  {R"({"ok":true,"outputs":[{"data":{"id":"","method":"m","params":null},"type":"json"}]})"}},
         LoopCase{"FailureGoesOn",
-                 {Value({{"method", "fail"}}), Value({{"method", "fail_bare"}})},
+                 {{{"method", "fail"}}, {{"method", "fail_bare"}}},
                  false,
                  0,
                  {R"({"error":{"category":7,"code":1,"message":"bad"},"ok":false})", R"({"ok":false})"}}),
@@ -134,7 +99,7 @@ INSTANTIATE_TEST_SUITE_P(
 
 TEST(RunLoopDispatch, EmptyDispatchCountsAsException) {
   ScriptedChannel channel;
-  channel.reads.push_back(Value({{"method", "m"}}));
+  channel.reads.push_back({{"method", "m"}});
   EXPECT_EQ(RunJsonHostLoop(channel, {"test.rpc", false}, JsonHostDispatchFunction()), 1);
   ASSERT_EQ(channel.written.size(), 1u);
   EXPECT_EQ(channel.written[0].dump(), kInternal);
