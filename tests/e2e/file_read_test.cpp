@@ -123,10 +123,13 @@ TEST_F(FileReadE2eTest, LinkIsFollowedOnlyWhenBothPathsPass) {
   dir_.WriteFile("outside/secret.txt", "secret\n");
   fs::create_symlink(root_ / "outside/secret.txt", root_ / "allowed/escape");
   fs::create_symlink(root_ / "allowed/inside.txt", root_ / "allowed/alias");
+  fs::create_symlink(root_ / "allowed/inside.txt", root_ / "outside/way_in");
   const json policy = {{"whitelist_patterns", {root_.native() + "/allowed/*"}}};
   EXPECT_EQ(ContentOf(Read({{"path", (root_ / "allowed/alias").native()}, {"policy", policy}})), "     1\tin\n");
-  EXPECT_EQ(Refusal({{"path", (root_ / "allowed/escape").native()}, {"policy", policy}}, 7, 1),
-            "FILE_ACCESS_DENIED: did not match any whitelist pattern");
+  for (const char* refused : {"allowed/escape", "outside/way_in"}) {
+    EXPECT_EQ(Refusal({{"path", (root_ / refused).native()}, {"policy", policy}}, 7, 1),
+              "FILE_ACCESS_DENIED: did not match any whitelist pattern");
+  }
   const json deny_outside = {{"blacklist_patterns", {root_.native() + "/outside/*"}}};
   EXPECT_EQ(Refusal({{"path", (root_ / "allowed/escape").native()}, {"policy", deny_outside}}, 7, 1),
             "FILE_ACCESS_DENIED: matched blacklist pattern: " + root_.native() + "/outside/*");
