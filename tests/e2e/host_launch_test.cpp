@@ -46,6 +46,13 @@ TEST_P(HostLaunch, RefusalIsExit64WithNoOutput) {
   EXPECT_EQ(host.Stderr(), "");
 }
 
+// The launch JSON with `members` added behind the log and the transport.
+std::vector<std::string> With(const std::string& members) {
+  return {kOption, kGood.substr(0, kGood.size() - 1) + members + "}"};
+}
+// The launch JSON with this log object.
+std::vector<std::string> Log(const std::string& log) { return {kOption, R"({"log":)" + log + R"(,"transport":null})"}; }
+
 INSTANTIATE_TEST_SUITE_P(
     Cases, HostLaunch,
     ::testing::Values(
@@ -60,23 +67,31 @@ INSTANTIATE_TEST_SUITE_P(
         LaunchCase{"Exactly16384Bytes", {kOption, PaddedConfig(16384)}, true},
         LaunchCase{"Over16384Bytes", {kOption, PaddedConfig(16385)}, false},
         LaunchCase{"InvalidJson", {kOption, "{"}, false},
-        LaunchCase{"TrailingComma", {kOption, R"({"log":{"log_dir":"","log_level":0},"transport":null,})"}, false},
+        LaunchCase{"NotAnObject", {kOption, "[1]"}, false},
+        LaunchCase{"TwoValues", {kOption, kGood + " {}"}, false},
+        LaunchCase{"TrailingComma", With(","), false},
+        LaunchCase{"Comment", With(" /* c */"), false},
+        LaunchCase{"LogNotObject", Log("[]"), false},
+        LaunchCase{"LogDirMissing", Log(R"({"log_level":3})"), false},
+        LaunchCase{"LogDirNumber", Log(R"({"log_dir":1,"log_level":3})"), false},
+        LaunchCase{"LogLevelString", Log(R"({"log_dir":"","log_level":"3"})"), false},
+        LaunchCase{"LogLevelBoolean", Log(R"({"log_dir":"","log_level":true})"), false},
         LaunchCase{"TransportMissing", {kOption, R"({"log":{"log_dir":"","log_level":0}})"}, false},
         LaunchCase{"TransportObject",
                    {kOption,
                     R"({"log":{"log_dir":"","log_level":0},"transport":{"stdin_fd":0,"stdout_fd":1,"stderr_fd":2,"parent_watch_fd":3}})"},
                    false},
-        LaunchCase{"LogLevelBoolean", {kOption, R"({"log":{"log_dir":"","log_level":true},"transport":null})"}, false},
-        LaunchCase{"CrashModeTwoWithoutDir",
-                   {kOption, R"({"log":{"log_dir":"","log_level":0},"transport":null,"crash":{"mode":2,"dump_dir":""}})"},
-                   false},
-        LaunchCase{"CrashModeZeroWithDir",
-                   {kOption, R"({"log":{"log_dir":"","log_level":0},"transport":null,"crash":{"mode":0,"dump_dir":"x"}})"},
-                   false},
-        LaunchCase{"CrashNull", {kOption, R"({"log":{"log_dir":"","log_level":0},"transport":null,"crash":null})"}, false},
-        LaunchCase{"TelemetryString",
-                   {kOption, R"({"log":{"log_dir":"","log_level":0},"transport":null,"telemetry_endpoint":"x"})"},
-                   false},
+        LaunchCase{"CrashModeOneWithoutDir", With(R"(,"crash":{"mode":1,"dump_dir":""})"), true},
+        LaunchCase{"CrashModeTwoWithoutDir", With(R"(,"crash":{"mode":2,"dump_dir":""})"), false},
+        LaunchCase{"CrashModeZeroWithDir", With(R"(,"crash":{"mode":0,"dump_dir":"x"})"), false},
+        LaunchCase{"CrashModeThree", With(R"(,"crash":{"mode":3,"dump_dir":""})"), false},
+        LaunchCase{"CrashModeNegative", With(R"(,"crash":{"mode":-1,"dump_dir":""})"), false},
+        LaunchCase{"CrashModeMissing", With(R"(,"crash":{"dump_dir":""})"), false},
+        LaunchCase{"CrashDirMissing", With(R"(,"crash":{"mode":2})"), false},
+        LaunchCase{"CrashNull", With(R"(,"crash":null)"), false},
+        LaunchCase{"TelemetryString", With(R"(,"telemetry_endpoint":"x")"), false},
+        LaunchCase{"TelemetryNull", With(R"(,"telemetry_endpoint":null)"), false},
+        LaunchCase{"TelemetryNegative", With(R"(,"telemetry_endpoint":-5)"), true},
         LaunchCase{"UnknownKeysIgnored",
                    {kOption, R"({"log":{"log_dir":"","log_level":0,"z":1},"transport":null,"telemetry_endpoint":2.5,"x":[]})"},
                    true}),
