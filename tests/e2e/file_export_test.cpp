@@ -1,15 +1,14 @@
 // file_export through the built binary: the success road and every refusal of the destination.
 #include <gtest/gtest.h>
 
-#include <filesystem>
-#include <fstream>
 #include <cerrno>
+#include <filesystem>
 #include <optional>
 #include <set>
 #include <sstream>
+#include <string>
 #include <utility>
 #include <vector>
-#include <string>
 
 #include <nlohmann/json.hpp>
 
@@ -31,12 +30,6 @@ std::set<std::string> ListTree(const fs::path& top) {
     entries.insert(entry.path().native());
   }
   return entries;
-}
-
-void WriteAt(const fs::path& path, std::string_view content) {
-  std::ofstream out(path, std::ios::binary | std::ios::trunc);
-  out.write(content.data(), static_cast<std::streamsize>(content.size()));
-  ASSERT_TRUE(out.good()) << path;
 }
 
 bool IsAtOrBelow(const std::string& path, const fs::path& root) {
@@ -210,8 +203,9 @@ TEST_F(FileExport, RefusedProfileInstallDirIsTheAnswer) {
 }
 
 // One refusal: what stands on disk first, what is asked for, and the answer in full. In the
-// texts, {root}, {tmp} and {outside} stand for the layout's paths and {nul} for a NUL byte; a
-// message that begins with %, @ or ! begins with the refusal of that name below.
+// texts, {root}, {tmp} and {outside} stand for the layout's paths, {nul} for a NUL byte, and
+// {beyond}, {linked} and {is_link} for the heads of the refusals outside the root, through a
+// link and at a link.
 struct RefusalCase {
   const char* name;
   std::vector<std::string> setup;  // "dir P", "file P" or "link P T"
@@ -221,16 +215,17 @@ struct RefusalCase {
   const char* message;
 };
 
-constexpr const char* kOutside = "INVALID_EXPORT_PATH: export_path is outside trusted export root: ";
-constexpr const char* kLinkOnTheWay = "INVALID_EXPORT_PATH: export path contains a reparse point: ";
-constexpr const char* kLinkAtTarget = "INVALID_EXPORT_PATH: export path is a reparse point: ";
-
 class FileExportRefusal : public FileExport, public testing::WithParamInterface<RefusalCase> {
  protected:
   std::string Expand(std::string text) const {
     const std::pair<std::string, std::string> names[] = {
-        {"{root}", layout_.root.native()}, {"{tmp}", layout_.tmp.native()}, {"{outside}", layout_.outside.native()},
-        {"{nul}", std::string(1, '\0')}};
+        {"{root}", layout_.root.native()},
+        {"{tmp}", layout_.tmp.native()},
+        {"{outside}", layout_.outside.native()},
+        {"{nul}", std::string(1, '\0')},
+        {"{beyond}", "INVALID_EXPORT_PATH: export_path is outside trusted export root: "},
+        {"{linked}", "INVALID_EXPORT_PATH: export path contains a reparse point: "},
+        {"{is_link}", "INVALID_EXPORT_PATH: export path is a reparse point: "}};
     for (const auto& [name, value] : names) {
       for (size_t at = text.find(name); at != std::string::npos; at = text.find(name, at + value.size())) {
         text.replace(at, name.size(), value);
@@ -239,26 +234,16 @@ class FileExportRefusal : public FileExport, public testing::WithParamInterface<
     return text;
   }
 
-  std::string Message(const std::string& text) const {
-    const std::pair<char, const char*> heads[] = {{'%', kOutside}, {'@', kLinkOnTheWay}, {'!', kLinkAtTarget}};
-    for (const auto& [marker, head] : heads) {
-      if (text.front() == marker) {
-        return head + Expand(text.substr(1));
-      }
-    }
-    return Expand(text);
-  }
-
   void Build(const std::string& step) {
     std::istringstream words(Expand(step));
     std::string verb, path, target;
     words >> verb >> path >> target;
-    fs::create_directories(fs::path(path).parent_path());
     if (verb == "dir") {
       fs::create_directories(path);
     } else if (verb == "file") {
-      WriteAt(path, "not a directory");
+      temp_.WriteFile(path, "not a directory");
     } else {
+      fs::create_directories(fs::path(path).parent_path());
       fs::create_symlink(target, path);
     }
   }
@@ -266,7 +251,7 @@ class FileExportRefusal : public FileExport, public testing::WithParamInterface<
 
 TEST_P(FileExportRefusal, AnswersItsMessageAndWritesNothingOutsideTheRoot) {
   const RefusalCase& c = GetParam();
-  WriteAt(layout_.outside / "victim.txt", "victim");
+  temp_.WriteFile(layout_.outside.native() + "/victim.txt", "victim");
   for (const std::string& step : c.setup) {
     Build(step);
   }
@@ -274,7 +259,7 @@ TEST_P(FileExportRefusal, AnswersItsMessageAndWritesNothingOutsideTheRoot) {
 
   const json response = Export("source.txt", Expand(c.export_path));
   ASSERT_FALSE(response.value("ok", true)) << response.dump();
-  EXPECT_EQ(response["error"], json({{"category", c.category}, {"code", c.code}, {"message", Message(c.message)}}));
+  EXPECT_EQ(response["error"], json({{"category", c.category}, {"code", c.code}, {"message", Expand(c.message)}}));
 
   for (const std::string& entry : ListTree(temp_.path())) {
     if (before.count(entry) == 0) {
@@ -290,18 +275,19 @@ INSTANTIATE_TEST_SUITE_P(
     testing::Values(
         RefusalCase{"Empty", {}, "", 7, 1, "INVALID_EXPORT_PATH: export_path is empty"},
         RefusalCase{"Relative", {}, "qz/to/a.txt", 7, 1, "INVALID_EXPORT_PATH: export_path must be an absolute path"},
-        RefusalCase{"DotDotEndingOutside", {}, "{root}/a/../../escaped.txt", 7, 1, "%{tmp}/qz/escaped.txt"},
-        RefusalCase{"RootItself", {}, "{root}/", 7, 1, "%{root}"},
-        RefusalCase{"SiblingWithRootAsPrefix", {}, "{root}ol/a.txt", 7, 1, "%{root}ol/a.txt"},
-        RefusalCase{"RootInOtherLetterCase", {}, "{tmp}/QZ/to/a.txt", 7, 1, "%{tmp}/QZ/to/a.txt"},
-        RefusalCase{"RootIsLink", {"dir {tmp}/qz", "link {root} {outside}"}, "{root}/a.txt", 7, 1, "@{root}"},
-        RefusalCase{"LinkBelowRoot", {"link {root}/sub {outside}"}, "{root}/sub/deeper/a.txt", 7, 1, "@{root}/sub"},
-        RefusalCase{"LinkDeepBelowRoot", {"link {root}/a/b {outside}"}, "{root}/a/b/c.txt", 7, 1, "@{root}/a/b"},
+        RefusalCase{"DotDotEndingOutside", {}, "{root}/a/../../escaped.txt", 7, 1, "{beyond}{tmp}/qz/escaped.txt"},
+        RefusalCase{"RootItself", {}, "{root}/", 7, 1, "{beyond}{root}"},
+        RefusalCase{"SiblingWithRootAsPrefix", {}, "{root}ol/a.txt", 7, 1, "{beyond}{root}ol/a.txt"},
+        RefusalCase{"RootInOtherLetterCase", {}, "{tmp}/QZ/to/a.txt", 7, 1, "{beyond}{tmp}/QZ/to/a.txt"},
+        RefusalCase{"RootIsLink", {"dir {tmp}/qz", "link {root} {outside}"}, "{root}/a.txt", 7, 1, "{linked}{root}"},
+        RefusalCase{"LinkBelowRoot", {"link {root}/sub {outside}"}, "{root}/sub/deeper/a.txt", 7, 1, "{linked}{root}/sub"},
+        RefusalCase{"LinkDeepBelowRoot", {"link {root}/a/b {outside}"}, "{root}/a/b/c.txt", 7, 1, "{linked}{root}/a/b"},
         RefusalCase{"DanglingLinkBelowRoot", {"link {root}/sub {outside}/nowhere"}, "{root}/sub/x/a.txt", 7, 1,
-                    "@{root}/sub"},
-        RefusalCase{"LinkAtTarget", {"link {root}/t.txt {outside}/victim.txt"}, "{root}/t.txt", 3, 0, "!{root}/t.txt"},
+                    "{linked}{root}/sub"},
+        RefusalCase{"LinkAtTarget", {"link {root}/t.txt {outside}/victim.txt"}, "{root}/t.txt", 3, 0,
+                    "{is_link}{root}/t.txt"},
         RefusalCase{"DanglingLinkAtTarget", {"link {root}/t.txt {outside}/new.txt"}, "{root}/t.txt", 3, 0,
-                    "!{root}/t.txt"},
+                    "{is_link}{root}/t.txt"},
         RefusalCase{"FileInTheWay", {"file {root}/f"}, "{root}/f/a.txt", 7, 1,
                     "INVALID_EXPORT_PATH: export path component is not a directory: {root}/f"},
         RefusalCase{"DirectoryAtTarget", {"dir {root}/dir"}, "{root}/dir", 3, 0,
@@ -321,7 +307,7 @@ TEST_F(FileExport, UnusableTempDirectoryIsTheAnswer) {
 // Refusals of the source come before the destination is looked at: no root appears.
 TEST_F(FileExport, SourceRefusalsComeFirst) {
   fs::create_directories(layout_.work / "a_dir");
-  WriteAt(layout_.outside / "secret.txt", "secret");
+  temp_.WriteFile("outside/secret.txt", "secret");
   fs::create_symlink(layout_.outside / "secret.txt", layout_.work / "innocent.txt");
   const struct {
     const char* path;

@@ -16,7 +16,7 @@ class TempDir {
   TempDir& operator=(const TempDir&) = delete;
 
   [[nodiscard]] const std::filesystem::path& path() const { return path_; }
-  // Writes `content` to `relative` below the directory, creating parents.
+  // Writes `content` to `relative` below the directory (an absolute path as it is), creating parents.
   std::filesystem::path WriteFile(std::string_view relative, std::string_view content) const;
 
  private:
