@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <cstring>
+#include <regex>
 #include <vector>
 
 #include "support/temp_dir.h"
@@ -25,17 +26,10 @@ mode_t ModeOf(const fs::path& path) {
   return info.st_mode & 07777;
 }
 
+// TempSiblingsIn looks for this marker: a temporary of another form would hide a leftover.
 TEST(MakeTempSiblingPath, AppendsMarkerRandomAndClockToTheFullName) {
   const std::string temp = MakeTempSiblingPath("/w/a.txt").string();
-  const std::string prefix = "/w/a.txt.brimo_stack_tmp_";
-  ASSERT_TRUE(temp.starts_with(prefix)) << temp;
-  const std::string token = temp.substr(prefix.size());
-  const size_t underscore = token.find('_');
-  ASSERT_NE(underscore, std::string::npos) << temp;
-  EXPECT_GT(underscore, 0u);
-  EXPECT_LT(underscore + 1, token.size());
-  EXPECT_EQ(token.find_first_not_of("0123456789_"), std::string::npos) << temp;
-  EXPECT_EQ(token.find('_', underscore + 1), std::string::npos) << temp;
+  EXPECT_TRUE(std::regex_match(temp, std::regex(R"(/w/a\.txt\.brimo_stack_tmp_[0-9]+_[0-9]+)"))) << temp;
   EXPECT_NE(MakeUniqueToken(), MakeUniqueToken());
 }
 
@@ -81,17 +75,8 @@ TEST_F(AtomicWriter, ReplacementKeepsModeAndAccessAcl) {
   EXPECT_EQ(std::memcmp(copied.data(), acl, sizeof(acl)), 0);
 }
 
-TEST_F(AtomicWriter, ReadOnlyOrDirectoryTargetIsRefusedAndLeavesNothingBehind) {
-  const fs::path read_only = dir_.WriteFile("ro.txt", "old");
-  ASSERT_EQ(::chmod(read_only.c_str(), 0444), 0);
-  const CommandResult refused = WriteFileAtomically(read_only, "new");
-  ASSERT_FALSE(refused.ok);
-  EXPECT_EQ(refused.error->message, "FILE_ACCESS_DENIED: target file is read-only");
-  EXPECT_EQ(refused.error->category, 6);
-  EXPECT_EQ(refused.error->code, EACCES);
-  EXPECT_TRUE(refused.HasReason(brimo_stack::FailureReason::kAccessDenied));
-  EXPECT_EQ(ReadWholeFile(read_only), "old");
-
+// A read-only target is refused end to end (e2e/file_write_test EveryRefusalHasItsMessage).
+TEST_F(AtomicWriter, DirectoryTargetIsRefusedAndLeavesNothingBehind) {
   fs::create_directory(dir_.path() / "d");
   EXPECT_EQ(Outcome(WriteFileAtomically(dir_.path() / "d", "x")),
             "WRITE_FILE_FAILED: atomically replace file failed: Is a directory");
