@@ -1,16 +1,11 @@
-// The read-line prefix: its form, its recognition and its removal, case by case.
+// The read-line prefix: its recognition and its removal, case by case (its form is in every
+// answer of file_read_lines_test and e2e/file_read_test).
 #include <gtest/gtest.h>
 
 #include "quay_tools_host/files/read_line_numbers.h"
 
 namespace brimo_stack::quay_tools_host::internal {
 namespace {
-
-TEST(FormatReadLineNumberTest, PadsToSixColumnsAndGrowsBeyond) {
-  EXPECT_EQ(FormatReadLineNumber(1), "     1\t");
-  EXPECT_EQ(FormatReadLineNumber(999999), "999999\t");
-  EXPECT_EQ(FormatReadLineNumber(1000000), "1000000\t");
-}
 
 struct PrefixCase {
   const char* line;
