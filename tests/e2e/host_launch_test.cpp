@@ -115,10 +115,11 @@ TEST(HostLaunch, WithoutProcTheHostServesAndSaysWhatIsMissing) {
   EXPECT_EQ(host.Wait().code, 0);
 }
 
-// Runs one session with logging at `level` and returns the log file's text.
-std::string RunLoggedSession(const quay_test::TempDir& dir, int level, pid_t& pid) {
+// Runs one session with logging at `level` (and `members` added to the launch JSON) and returns
+// the log file's text.
+std::string RunLoggedSession(const quay_test::TempDir& dir, int level, pid_t& pid, const std::string& members = "") {
   const std::string config = R"({"log":{"log_dir":")" + dir.path().string() + R"(","log_level":)" +
-                             std::to_string(level) + R"(},"transport":null})";
+                             std::to_string(level) + R"(},"transport":null)" + members + "}";
   HostProcess host = HostProcess::WithConfig(config);
   pid = host.pid();
   EXPECT_EQ(host.Call({{"method", "ping"}}).dump(), R"({"ok":true})");
@@ -189,17 +190,8 @@ TEST(HostLog, UncreatableLogDirectoryLeavesTheHostServing) {
 TEST(HostLog, FailedCrashHandlerIsLoggedAndRequestsAreServed) {
   quay_test::TempDir dir;
   const auto blocker = dir.WriteFile("dumps", "not a directory");
-  const std::string config = R"({"log":{"log_dir":")" + dir.path().string() +
-                             R"(","log_level":3},"transport":null,"crash":{"mode":2,"dump_dir":")" +
-                             blocker.string() + R"("}})";
-  HostProcess host = HostProcess::WithConfig(config);
-  EXPECT_EQ(host.Call({{"method", "ping"}}).dump(), R"({"ok":true})");
-  host.CloseStdin();
-  EXPECT_EQ(host.Wait().code, 0);
-  std::string log;
-  for (const auto& entry : std::filesystem::directory_iterator(dir.path() / "marsh_console_host")) {
-    log += quay_test::ReadWholeFile(entry.path());
-  }
+  pid_t pid = 0;
+  const std::string log = RunLoggedSession(dir, 3, pid, R"(,"crash":{"mode":2,"dump_dir":")" + blocker.string() + R"("})");
   EXPECT_NE(log.find("[E]"), std::string::npos) << log;
   EXPECT_NE(log.find("component=quay_tools_host.crash, message=initialize self-managed crash handler failed, fields={}"),
             std::string::npos)
