@@ -150,14 +150,11 @@ std::string Version(int k) {
 
 std::string Numbered(const std::string& text) {
   std::string out;
-  int n = 0;
-  size_t start = 0;
-  while (start < text.size()) {
-    const size_t end = text.find('\n', start) + 1;
-    char prefix[32];
-    std::snprintf(prefix, sizeof(prefix), "%6d\t", ++n);
+  char prefix[32];
+  for (size_t start = 0, end = 0, n = 1; start < text.size(); start = end, ++n) {
+    end = text.find('\n', start) + 1;
+    std::snprintf(prefix, sizeof(prefix), "%6zu\t", n);
     out += prefix + text.substr(start, end - start);
-    start = end;
   }
   return out;
 }
@@ -176,7 +173,6 @@ TEST_F(FileReadE2eTest, EveryAnswerIsOneVersionWhileAWriterRacesTheReads) {
   for (int k = 0; k < kVersions; ++k) numbered.insert(Numbered(Version(k)));
   numbered.insert("");  // the truncated file of an in-place rewrite is a state of its own
   const fs::path target = root_ / "racy.txt";
-  const fs::path staging = root_ / "staging.txt";
   WriteInPlace(dir_.WriteFile("racy.txt", Version(0)), Version(0));
 
   std::atomic<bool> stop{false};
@@ -185,10 +181,7 @@ TEST_F(FileReadE2eTest, EveryAnswerIsOneVersionWhileAWriterRacesTheReads) {
       const int k = round % kVersions;
       switch (round % 3) {
         case 0: WriteInPlace(target, Version(k)); break;
-        case 1:
-          { std::FILE* f = std::fopen(staging.c_str(), "wb"); std::fwrite(Version(k).data(), 1, Version(k).size(), f); std::fclose(f); }
-          fs::rename(staging, target);
-          break;
+        case 1: fs::rename(dir_.WriteFile("staging.txt", Version(k)), target); break;
         default: ::chmod(target.c_str(), round % 2 ? 0644 : 0664); break;
       }
       std::this_thread::sleep_for(std::chrono::microseconds(300));

@@ -13,15 +13,13 @@
 #include <cstring>
 #include <stdexcept>
 #include <thread>
+#include <utility>
 
 namespace quay_test {
 namespace {
 
 void CloseFd(int& fd) {
-  if (fd >= 0) {
-    ::close(fd);
-    fd = -1;
-  }
+  if (fd >= 0) ::close(std::exchange(fd, -1));
 }
 
 // An empty /proc in a mount namespace of this process alone.
