@@ -114,15 +114,7 @@ TEST_F(AtomicWriter, MoveInCreateModeRefusesAnExistingTarget) {
   EXPECT_EQ(ReadWholeFile(target), "new");
 }
 
-TEST_F(AtomicWriter, CopyOntoItselfKeepsTheContent) {
-  // Several copy blocks, so that a copy that truncated its source first would lose them.
-  const fs::path file = dir_.WriteFile("same.bin", std::string(200000, 'q'));
-  ASSERT_EQ(Outcome(CopyFileAtomically(file, file, FileErrorKind::kWriteFileFailed, written_)), "ok");
-  EXPECT_EQ(written_, 200000u);
-  EXPECT_EQ(ReadWholeFile(file), std::string(200000, 'q'));
-  EXPECT_TRUE(TempSiblingsIn(dir_.path()).empty());
-}
-
+// A copy onto itself is file_write's with local_path (e2e/file_write_test).
 TEST_F(AtomicWriter, CopySourceThatIsALinkOrADirectoryIsRefused) {
   const fs::path real = dir_.WriteFile("real", "r");
   fs::create_symlink(real, dir_.path() / "link");
