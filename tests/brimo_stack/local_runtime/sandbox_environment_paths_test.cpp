@@ -80,7 +80,8 @@ class TempRoot : public testing::Test {
   quay_test::TempDir temp_;
 };
 
-// Anything but a profile install_dir lands under the temp root, relative or not.
+// Anything but a profile install_dir lands under the temp root, relative or not. The export
+// root below it, and that finding it creates nothing, are tried end to end (e2e/file_export_test).
 TEST_F(TempRoot, OtherInstallDirsUseTheTempRoot) {
   ScopedTmpdir tmpdir(temp_.path().native() + "//");
   for (const char* install_dir : {"", "/opt/p/other", "rel/other", "/opt/p/Sandbox_Envs_Dir",
@@ -90,17 +91,6 @@ TEST_F(TempRoot, OtherInstallDirsUseTheTempRoot) {
     ASSERT_TRUE(result.ok) << install_dir << ": " << result.error->message;
     EXPECT_EQ(root, temp_.path() / "qz") << install_dir;
   }
-}
-
-TEST_F(TempRoot, ToolOutputsRootAppendsToAndCreatesNothing) {
-  ScopedTmpdir tmpdir(temp_.path().native());
-  fs::path root;
-  ASSERT_TRUE(rt::ResolveToolOutputsRoot(root, "").ok);
-  EXPECT_EQ(root, temp_.path() / "qz" / "to");
-  EXPECT_FALSE(fs::exists(temp_.path() / "qz"));
-  ASSERT_TRUE(rt::ResolveToolOutputsRoot(root, "/opt/p/sandbox_envs_dir").ok);
-  EXPECT_EQ(root.native(), "/opt/p/brimo_stack/to");
-  EXPECT_EQ(rt::BrimoStackRuntimeArtifactRoot(""), temp_.path() / "qz");
 }
 
 TEST(TempRootDefault, UnsetOrEmptyTmpdirMeansSlashTmp) {
