@@ -5,6 +5,7 @@
 #include <csignal>
 #include <cstring>
 #include <filesystem>
+#include <iterator>
 #include <regex>
 #include <sstream>
 #include <string>
@@ -39,13 +40,8 @@ RunResult RunProgram(const std::vector<std::string>& arguments, bool with_stderr
 
 // The value of "<key>=" on its own line of `output`.
 std::string ValueOf(const std::string& output, const std::string& key) {
-  std::istringstream lines(output);
-  for (std::string line; std::getline(lines, line);) {
-    if (line.rfind(key + "=", 0) == 0) {
-      return line.substr(key.size() + 1);
-    }
-  }
-  return "";
+  std::smatch match;
+  return std::regex_search(output, match, std::regex("(^|\n)" + key + "=([^\n]*)")) ? match[2].str() : "";
 }
 
 std::vector<fs::path> DumpFiles(const fs::path& dump_dir) {
@@ -92,10 +88,7 @@ TEST_F(CrashDumpTest, FaultInWorkerThreadDumpsEveryThread) {
   ASSERT_EQ(DumpFiles(temp_.path()), std::vector<fs::path>{dump_path});
 
   std::istringstream tids(ValueOf(run.output, "threads"));
-  std::vector<std::string> thread_ids;
-  for (std::string tid; tids >> tid;) {
-    thread_ids.push_back(tid);
-  }
+  const std::vector<std::string> thread_ids{std::istream_iterator<std::string>(tids), {}};
   ASSERT_EQ(thread_ids.size(), 5u) << run.output;  // main, three blocked, the faulting one
 
   const std::string gdb = DebugDump(QUAY_CRASH_TEST_PROGRAM, dump_path);

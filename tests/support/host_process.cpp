@@ -9,6 +9,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <stdexcept>
@@ -47,25 +48,24 @@ HostProcess::HostProcess(const std::vector<std::string>& arguments, const std::v
   if (::pipe2(in, O_CLOEXEC) != 0 || ::pipe2(out, O_CLOEXEC) != 0 || ::pipe2(err, O_CLOEXEC) != 0) {
     throw std::runtime_error("pipe2 failed");
   }
-  std::vector<std::string> argv_storage;
-  argv_storage.push_back(program);
+  std::vector<std::string> argv_storage{program};
   argv_storage.insert(argv_storage.end(), arguments.begin(), arguments.end());
-  std::vector<char*> argv;
-  for (auto& a : argv_storage) argv.push_back(a.data());
-  argv.push_back(nullptr);
   // An extra NAME=value replaces an inherited NAME, so the child sees exactly one of it.
   const auto name_of = [](const std::string& entry) { return entry.substr(0, entry.find('=')); };
-  std::vector<std::string> env_storage;
+  std::vector<std::string> env_storage(extra_env);
   for (char** e = environ; *e != nullptr; ++e) {
-    const std::string entry(*e);
-    bool replaced = false;
-    for (const auto& extra : extra_env) replaced = replaced || name_of(extra) == name_of(entry);
-    if (!replaced) env_storage.push_back(entry);
+    const auto same_name = [&](const std::string& extra) { return name_of(extra) == name_of(*e); };
+    if (std::none_of(extra_env.begin(), extra_env.end(), same_name)) env_storage.emplace_back(*e);
   }
-  env_storage.insert(env_storage.end(), extra_env.begin(), extra_env.end());
-  std::vector<char*> envp;
-  for (auto& e : env_storage) envp.push_back(e.data());
-  envp.push_back(nullptr);
+  // The null-terminated pointer arrays of execve, into strings that live until the exec.
+  const auto pointers = [](std::vector<std::string>& strings) {
+    std::vector<char*> out;
+    for (auto& s : strings) out.push_back(s.data());
+    out.push_back(nullptr);
+    return out;
+  };
+  std::vector<char*> argv = pointers(argv_storage);
+  std::vector<char*> envp = pointers(env_storage);
 
   pid_ = ::fork();
   if (pid_ < 0) {
