@@ -86,14 +86,6 @@ INSTANTIATE_TEST_SUITE_P(
         DecisionCase{"root_whitelist", Config({"/*"}, {}, {}), false, "/anything/at/all", kAllowed}),
     [](const auto& info) { return std::string(info.param.name); });
 
-TEST(NormalizePathForPolicyTest, StripsTrailingSeparatorsButKeepsRoot) {
-  EXPECT_EQ(NormalizePathForPolicy("/", false), "/");
-  EXPECT_EQ(NormalizePathForPolicy("///", false), "/");
-  EXPECT_EQ(NormalizePathForPolicy("/A/b/", false), "/a/b");
-  EXPECT_EQ(NormalizePathForPolicy("/A/b/", true), "/A/b");
-  EXPECT_EQ(NormalizePathForPolicy("C:\\A\\", false), "c:\\a\\");
-}
-
 TEST(MatchWildcardTest, BacktracksToTheLastStar) {
   EXPECT_TRUE(MatchWildcard("*", ""));
   EXPECT_TRUE(MatchWildcard("a*b*c", "aXbYbZc"));
@@ -127,6 +119,8 @@ INSTANTIATE_TEST_SUITE_P(
                       SubtreeCase{"covered", Config({"/w/*"}, {}, {}), "/w/src", true},
                       SubtreeCase{"covered_at_root_of_prefix", Config({"/w/*"}, {}, {}), "/w", true},
                       SubtreeCase{"root_pattern_covers_all", Config({"/*"}, {}, {}), "/w/src", true},
+                      // The root keeps its separator when trailing ones are stripped.
+                      SubtreeCase{"root_pattern_covers_the_root", Config({"/*"}, {}, {}), "///", true},
                       SubtreeCase{"not_covered", Config({"/w/*"}, {}, {}), "/v", false},
                       SubtreeCase{"literal_allow_covers_nothing", Config({"/w"}, {}, {}), "/w", false},
                       SubtreeCase{"wildcard_deny_anywhere", Config({"/w/*"}, {}, {"*.key"}), "/w", false},
