@@ -112,7 +112,11 @@ TEST(HostLaunch, WithoutProcTheHostServesAndSaysWhatIsMissing) {
                             {"code", ENOENT},
                             {"message", "INVALID_FILE_PATH: resolve real path failed: /proc is not mounted"}}));
   host.CloseStdin();
-  EXPECT_EQ(host.Wait().code, 0);
+  // The sanitizers need /proc themselves: without it they can't even read their options, and
+  // their leak check at exit fails the process whatever the host did.
+  if (!QUAY_SANITIZER_BUILD) {
+    EXPECT_EQ(host.Wait().code, 0);
+  }
 }
 
 // Runs one session with logging at `level` (and `members` added to the launch JSON) and returns
