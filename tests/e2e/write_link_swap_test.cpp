@@ -1,5 +1,6 @@
 // A parent directory swapped with a symbolic link in a loop while writes run: nothing may land
-// behind the link, and every failure names the link or the file in the way.
+// behind the link, no directory may be made there, and every failure names the link or the
+// file in the way.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <stdio.h>
@@ -48,10 +49,13 @@ TEST(WriteLinkSwap, NoWriteLandsBehindTheLink) {
   int succeeded = 0;
   int refused = 0;
   for (int write = 0; !stop.load(); ++write) {
-    const fs::path target = root / "work/sub" / (std::to_string(write) + ".txt");
+    // Whole writes go to directories that don't exist yet, so their parents are made mid-race.
+    const fs::path target = write % 2 == 0 ? root / "work/sub" / std::to_string(write) / "new/file.txt"
+                                           : root / "work/sub" / (std::to_string(write) + ".txt");
     uint64_t appended = 0;
     const CommandResult written =
         write % 2 == 0 ? WriteFileAtomically(target, "whole") : AppendBytesToFile(target, "tail", appended);
+    // Parents made through the link would show up outside even when the write itself fails.
     if (written.ok) {
       ++succeeded;
     } else {

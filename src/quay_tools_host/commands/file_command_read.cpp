@@ -17,8 +17,6 @@ namespace {
 
 constexpr int64_t kDefaultReadLimit = 2000;
 
-CommandResult Changed() { return CommandResult::Failure(kCategoryRefused, 1, "file changed while it was being read"); }
-
 CommandResult EmptyContent() { return MakeJsonOutputResult({{"content", ""}}); }
 
 }  // namespace
@@ -62,7 +60,7 @@ CommandResult FileCommandService::Read(const FileReadRequest& request) {
   FileSnapshot after;
   step = TakeFileSnapshot(real, after);
   if (!step.ok) return step;
-  if (after != before) return Changed();
+  if (after != before) return FileChangedFailure();
   return MakeJsonOutputResult({{"content", std::move(content)}});
 }
 

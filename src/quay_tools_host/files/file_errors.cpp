@@ -71,6 +71,10 @@ CommandResult MakeFileError(FileErrorKind kind, const CommandResult& system_fail
   return MakeFileError(kind, error.category, error.code, error.message);
 }
 
+CommandResult FileChangedFailure() {
+  return CommandResult::Failure(kCategoryRefused, 1, "file changed while it was being read");
+}
+
 CommandResult MakeFileMutationError(FileMutationErrorKind kind, std::string_view text) {
   return CommandResult::Failure(kCategoryRefused, FileMutationErrorCode(kind),
                                 fmt::format("{}: {}", FileMutationErrorName(kind), text));

@@ -42,6 +42,9 @@ enum class FileMutationErrorKind : int32_t {
 [[nodiscard]] CommandResult MakeFileError(FileErrorKind kind, int32_t category, int32_t code, std::string_view text);
 // A failed system call, as MakeSystemCommandError built it, under the kind's head word.
 [[nodiscard]] CommandResult MakeFileError(FileErrorKind kind, const CommandResult& system_failure);
+// "file changed while it was being read" (category 7, code 1): what was decided on is no
+// longer what is open or at its path.
+[[nodiscard]] CommandResult FileChangedFailure();
 // "<MUTATION_NAME>: text", category 7, code 1000 to 1005.
 [[nodiscard]] CommandResult MakeFileMutationError(FileMutationErrorKind kind, std::string_view text);
 // "stage failed: <message of the code>", category 6.

@@ -47,7 +47,8 @@ struct CachedReadFile {
   uint64_t size = 0;
 };
 
-// Opens `path` for reading with full sharing into `file` (closing what it held).
+// Opens `path`, the real path a policy decided on, for reading with full sharing into `file`
+// (closing what it held): no link on the way, and the open file proved to be at `path`.
 [[nodiscard]] CommandResult OpenCachedReadHandle(const std::filesystem::path& path, CachedReadFile& file);
 // One read of at most `count` bytes at the current position.
 [[nodiscard]] CommandResult ReadCached(const CachedReadFile& file, char* buffer, uint64_t count,
@@ -62,11 +63,12 @@ struct CachedReadFile {
 // time, and a read that starts in that tick could not tell them apart.
 void WaitUntilChangeTimeIsPast(const FileSnapshot& snapshot);
 
-// Success when the open handle is the file of `snapshot` and still sits at `file.path`: a link
-// or a rename slipped in between the checks and the open is caught here, as a changed file.
+// Success when the open handle is the file of `snapshot`: a file put in its place between the
+// snapshot and the open is caught here, as a changed file.
 [[nodiscard]] CommandResult CheckOpenedFileIsTheSnapshot(const CachedReadFile& file, const FileSnapshot& snapshot);
 
-// Loads a whole file of at most `limit` bytes that must be valid UTF-8.
+// Loads a whole file of at most `limit` bytes that must be valid UTF-8, through one descriptor
+// opened as OpenCachedReadHandle opens one.
 [[nodiscard]] CommandResult ReadValidatedUtf8File(const std::filesystem::path& path, std::string& text,
                                                   uint64_t limit);
 

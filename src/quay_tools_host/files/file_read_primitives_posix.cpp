@@ -13,12 +13,12 @@
 #include <fmt/format.h>
 
 #include "brimo_stack_common/large_buffer.h"
-#include "brimo_stack_common/posix/proc_files.h"
 #include "brimo_stack_common/posix/retry_on_eintr.h"
 #include "brimo_stack_common/posix/scoped_fd.h"
 #include "brimo_stack_common/utf8.h"
 #include "quay_tools_host/files/file_errors.h"
 #include "quay_tools_host/files/file_paths.h"
+#include "quay_tools_host/files/link_free_open_posix.h"
 
 namespace brimo_stack::quay_tools_host::internal {
 
@@ -48,9 +48,17 @@ uint64_t CoarseNowNs() {
   return static_cast<uint64_t>(now.tv_sec) * kNanosecondsPerSecond + static_cast<uint64_t>(now.tv_nsec);
 }
 
-ScopedFd OpenForRead(const std::filesystem::path& path) {
-  // O_NONBLOCK: a FIFO put in place of the file after its checks must not block the host.
-  return ScopedFd(RetryOnEintr([&] { return ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK); }));
+// O_NONBLOCK: a FIFO put in place of the file after its checks must not block the host.
+constexpr int kReadOpenFlags = O_RDONLY | O_NOCTTY | O_NONBLOCK;
+constexpr std::string_view kOpenStage = "open file";
+
+// The decided file's descriptor; a refusal (the file changed since the decision) stands as it is.
+CommandResult OpenForRead(const std::filesystem::path& path, ScopedFd& fd) {
+  CommandResult opened = OpenDecidedFile(path, kReadOpenFlags, kOpenStage, fd);
+  if (opened.ok || opened.error->category == kCategoryRefused) {
+    return opened;
+  }
+  return MakeFileError(FileErrorKind::kReadFileFailed, opened);
 }
 
 int DescriptorOf(const CachedReadFile& file) { return file.is_open() ? file.handle->fd.get() : -1; }
@@ -70,9 +78,9 @@ CommandResult OpenCachedReadHandle(const std::filesystem::path& path, CachedRead
   // Nothing on POSIX is a transient open failure: one attempt.
   file.Close();
   file.path = path;
-  ScopedFd fd = OpenForRead(path);
-  if (!fd.valid()) {
-    return ReadFailure("open file", errno);
+  ScopedFd fd;
+  if (CommandResult opened = OpenForRead(path, fd); !opened.ok) {
+    return opened;
   }
   ::posix_fadvise(fd.get(), 0, 0, POSIX_FADV_SEQUENTIAL);
   file.handle.reset(new OpenReadFile{std::move(fd)});
@@ -133,27 +141,15 @@ CommandResult TakeFileSnapshot(const std::filesystem::path& path, FileSnapshot& 
 }
 
 CommandResult CheckOpenedFileIsTheSnapshot(const CachedReadFile& file, const FileSnapshot& snapshot) {
-  const CommandResult changed = CommandResult::Failure(kCategoryRefused, 1, "file changed while it was being read");
+  const CommandResult changed = FileChangedFailure();
   struct stat info {};
   if (!file.is_open() || ::fstat(DescriptorOf(file), &info) != 0) return changed;
   const FileSnapshot opened{static_cast<uint64_t>(info.st_size),
                             static_cast<uint64_t>(info.st_mtim.tv_sec) * kTicksPerSecond,
                             static_cast<uint64_t>(info.st_dev), static_cast<uint64_t>(info.st_ino),
                             ChangeTimeOf(info)};
-  if (opened != snapshot) return changed;
-  constexpr std::string_view kStage = "resolve opened file path";
-  std::string where;
-  if (!ReadDescriptorPath(DescriptorOf(file), kStage, where).ok) {
-    // Without /proc the open file can't be named, and that must not pass for a change.
-    if (CommandResult proc = RequireProcFileSystem(kStage); !proc.ok) {
-      return MakeFileError(FileErrorKind::kReadFileFailed, proc);
-    }
-    return changed;
-  }
-  return NormalizeFilePath(std::filesystem::path(std::move(where)), /*force_long=*/false).native() ==
-                 file.path.native()
-             ? CommandResult::Success()
-             : changed;
+  // The open itself proved the descriptor to be the file at `file.path`.
+  return opened == snapshot ? CommandResult::Success() : changed;
 }
 
 void WaitUntilChangeTimeIsPast(const FileSnapshot& snapshot) {
@@ -172,19 +168,21 @@ void WaitUntilChangeTimeIsPast(const FileSnapshot& snapshot) {
 }
 
 CommandResult ReadValidatedUtf8File(const std::filesystem::path& path, std::string& text, uint64_t limit) {
+  ScopedFd fd;
+  if (CommandResult opened = OpenForRead(path, fd); !opened.ok) {
+    return opened;
+  }
+  // The size and the type come from the open file, the one that is read.
   struct stat info {};
-  if (::stat(path.c_str(), &info) != 0) {
+  if (::fstat(fd.get(), &info) != 0) {
     return MakeFileErrorFromErrorCode(FileErrorKind::kReadFileFailed, "get file size",
                                       std::error_code(errno, std::generic_category()));
   }
+  if (!S_ISREG(info.st_mode)) {
+    return FileChangedFailure();
+  }
   const auto size = static_cast<uint64_t>(info.st_size);
   if (limit < size) return EditableTooLarge(limit, path);
-  ScopedFd fd = OpenForRead(path);
-  if (!fd.valid()) {
-    const int error = errno;
-    return MakeFileError(FileErrorKind::kReadFileFailed, kCategorySystem, error,
-                         FormatSystemError("open file", error) + ": " + PathToUtf8(path));
-  }
   CachedReadFile file;
   file.handle.reset(new OpenReadFile{std::move(fd)});
   text.clear();

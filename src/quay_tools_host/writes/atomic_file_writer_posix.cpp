@@ -22,6 +22,7 @@
 #include "brimo_stack_common/posix/retry_on_eintr.h"
 #include "brimo_stack_common/posix/scoped_fd.h"
 #include "quay_tools_host/writes/write_descriptors_posix.h"
+#include "quay_tools_host/writes/write_path_checks.h"
 
 namespace brimo_stack::quay_tools_host::internal {
 namespace {
@@ -119,11 +120,26 @@ CommandResult MoveAtWithRetry(const WriteDirectory& directory, const std::string
 
 // Mode bits and the access ACL of `target_name` onto the temporary file.
 CommandResult PreservePermissionsAt(const WriteDirectory& directory, const std::string& target_name,
-                                    mode_t target_mode, const std::string& temp_name, FileErrorKind kind) {
+                                    const struct stat& target_info, const std::string& temp_name,
+                                    FileErrorKind kind) {
+  const mode_t target_mode = target_info.st_mode;
+  const uid_t target_uid = target_info.st_uid;
+  const gid_t target_gid = target_info.st_gid;
   const ScopedFd temp(RetryOnEintr([&] {
     return ::openat(directory.fd(), temp_name.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC);
   }));
-  if (!temp.valid() || ::fchmod(temp.get(), target_mode & 07777) != 0) {
+  struct stat temp_info {};
+  if (!temp.valid() || ::fstat(temp.get(), &temp_info) != 0) {
+    return StageError(kind, kPreserveStage, errno);
+  }
+  // The new file belongs to us, not to the old file's owner: set-id bits carried over to
+  // another owner or group would hand the agent's bytes that owner's rights, so they go, as
+  // chown drops them.
+  mode_t mode = target_mode & 07777;
+  if (temp_info.st_uid != target_uid || temp_info.st_gid != target_gid) {
+    mode &= ~static_cast<mode_t>(S_ISUID | S_ISGID);
+  }
+  if (::fchmod(temp.get(), mode) != 0) {
     return StageError(kind, kPreserveStage, errno);
   }
   // No call reads an extended attribute of an entry relative to a directory descriptor
@@ -178,7 +194,7 @@ CommandResult CommitTempFileAt(const WriteDirectory& directory, const std::strin
   } else if ((target_info.st_mode & 0222) == 0) {
     prepared = MakeFileError(kind, kCategorySystem, EACCES, "target file is read-only");
   } else {
-    prepared = PreservePermissionsAt(directory, target_name, target_info.st_mode, temp_name, kind);
+    prepared = PreservePermissionsAt(directory, target_name, target_info, temp_name, kind);
   }
   if (prepared.ok) {
     prepared = MoveAtWithRetry(directory, temp_name, target_name, mode, kind);
@@ -217,6 +233,23 @@ CommandResult FinishTemp(const WriteDirectory& directory, const std::string& tem
   return filled;
 }
 
+// A FIFO, a socket or a device at the target is a channel, not content to be replaced: the
+// rename would put a plain file where something else listens. A directory is left to the
+// rename, which refuses it.
+CommandResult RefuseSpecialTarget(const WriteDirectory& directory, const std::filesystem::path& target,
+                                  FileErrorKind kind) {
+  struct stat info {};
+  const std::string name = EntryNameOf(target);
+  if (::fstatat(directory.fd(), name.c_str(), &info, AT_SYMLINK_NOFOLLOW) != 0) {
+    return CommandResult::Success();
+  }
+  if (S_ISFIFO(info.st_mode) || S_ISSOCK(info.st_mode) || S_ISCHR(info.st_mode) || S_ISBLK(info.st_mode)) {
+    return MakeFileError(PathWalkWordsFor(kind).refusal_kind, kCategoryRefused, 1,
+                         "path is not a regular file: " + target.string());
+  }
+  return CommandResult::Success();
+}
+
 // Opens the target's directory without links, creates the temporary there, lets `fill` write
 // it, then flushes, closes and commits it. Every failure removes the temporary.
 template <typename Fill>
@@ -224,6 +257,10 @@ CommandResult ReplaceThroughTemp(const std::filesystem::path& temp, const std::f
                                  const std::filesystem::path& root, FileErrorKind kind, Fill fill) {
   WriteDirectory directory;
   CommandResult step = directory.OpenParentOf(target, root, kind);
+  if (!step.ok) {
+    return step;
+  }
+  step = RefuseSpecialTarget(directory, target, kind);
   if (!step.ok) {
     return step;
   }
@@ -259,7 +296,7 @@ CommandResult CopyFileAtomically(const std::filesystem::path& local, const std::
     return opened;
   }
   return ReplaceThroughTemp(MakeTempSiblingPath(target), target, root, kind, [&](TempFileWriter& writer) {
-    CommandResult copied = CopyLocalSource(source.get(), kind, [&](std::string_view block) {
+    CommandResult copied = CopyLocalSource(source.get(), static_cast<uint64_t>(source_info.st_size), kind, [&](std::string_view block) {
       return writer.Write(block, &bytes_written);
     });
     source.Reset();

@@ -101,7 +101,7 @@ CommandResult AppendFileToFile(const std::filesystem::path& local, const std::fi
   if (source_info.st_dev == target_info.st_dev && source_info.st_ino == target_info.st_ino) {
     return MakeFileError(kKind, kCategoryRefused, 1, "local_path and append target must be different files");
   }
-  step = CopyLocalSource(source.get(), kKind, [&](std::string_view block) {
+  step = CopyLocalSource(source.get(), static_cast<uint64_t>(source_info.st_size), kKind, [&](std::string_view block) {
     return WriteAllToFd(file.get(), block, kKind, "append target file", &bytes_written);
   });
   if (!step.ok) {

@@ -4,7 +4,6 @@
 
 #include <fcntl.h>
 #include <linux/openat2.h>
-#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -13,6 +12,7 @@
 
 #include "brimo_stack_common/posix/proc_files.h"
 #include "brimo_stack_common/posix/retry_on_eintr.h"
+#include "quay_tools_host/files/link_free_open_posix.h"
 #include "quay_tools_host/writes/atomic_file_writer.h"
 #include "quay_tools_host/writes/write_path_checks.h"
 
@@ -23,50 +23,6 @@ constexpr size_t kMaxWriteCall = 0x7ffff000;  // the kernel's own limit of one w
 
 int OpenAt(int dir_fd, const char* name, int flags) {
   return RetryOnEintr([&] { return ::openat(dir_fd, name, flags); });
-}
-
-int OpenAt2(int dir_fd, const char* relative, uint64_t resolve) {
-  open_how how{};
-  how.flags = O_RDONLY | O_DIRECTORY | O_CLOEXEC;
-  how.resolve = resolve;
-  return static_cast<int>(RetryOnEintr([&] { return ::syscall(SYS_openat2, dir_fd, relative, &how, sizeof(how)); }));
-}
-
-// The same walk as RESOLVE_NO_SYMLINKS, by hand: each component opened without following it.
-// -1 with errno set on failure; ELOOP for a link on the way.
-int OpenByComponents(int anchor_fd, const std::filesystem::path& relative) {
-  ScopedFd current(OpenAt(anchor_fd, ".", O_PATH | O_DIRECTORY | O_CLOEXEC));
-  if (!current.valid()) {
-    return -1;
-  }
-  for (const std::filesystem::path& component : relative) {
-    if (component.empty() || component == ".") {
-      continue;
-    }
-    ScopedFd next(OpenAt(current.get(), component.c_str(), O_PATH | O_NOFOLLOW | O_DIRECTORY | O_CLOEXEC));
-    if (!next.valid()) {
-      int error = errno;
-      struct stat info {};
-      if (error == ENOTDIR && ::fstatat(current.get(), component.c_str(), &info, AT_SYMLINK_NOFOLLOW) == 0 &&
-          S_ISLNK(info.st_mode)) {
-        error = ELOOP;
-      }
-      errno = error;
-      return -1;
-    }
-    current = std::move(next);
-  }
-  return OpenAt(current.get(), ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-}
-
-// The open directory below `anchor_fd`, or -1 with errno.
-int OpenWithoutLinks(int anchor_fd, const std::filesystem::path& relative, uint64_t resolve) {
-  const int fd = OpenAt2(anchor_fd, relative.c_str(), resolve);
-  if (fd < 0 && (errno == ENOSYS || errno == EPERM)) {
-    // No openat2 here (an old kernel or a filter that refuses it).
-    return OpenByComponents(anchor_fd, relative);
-  }
-  return fd;
 }
 
 CommandResult OpenFailure(int error, const std::filesystem::path& directory, const std::filesystem::path& reported,
@@ -87,7 +43,7 @@ CommandResult WriteDirectory::Open(const std::filesystem::path& directory, const
                                    const std::filesystem::path& reported, FileErrorKind kind) {
   ScopedFd anchor;
   std::filesystem::path relative = directory;
-  uint64_t resolve = RESOLVE_NO_SYMLINKS;
+  uint64_t resolve = 0;
   if (!root.empty()) {
     const std::filesystem::path above_root = root.parent_path();
     anchor.Reset(OpenAt(AT_FDCWD, above_root.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
@@ -95,12 +51,13 @@ CommandResult WriteDirectory::Open(const std::filesystem::path& directory, const
       return OpenFailure(errno, directory, reported, kind);
     }
     relative = directory.lexically_relative(above_root);
-    resolve |= RESOLVE_BENEATH;
+    resolve = RESOLVE_BENEATH;
     if (relative.empty()) {
       return OpenFailure(EXDEV, directory, reported, kind);
     }
   }
-  ScopedFd opened(OpenWithoutLinks(anchor.valid() ? anchor.get() : AT_FDCWD, relative, resolve));
+  ScopedFd opened(
+      OpenWithoutLinks(anchor.valid() ? anchor.get() : AT_FDCWD, relative, O_RDONLY | O_DIRECTORY | O_CLOEXEC, resolve));
   if (!opened.valid()) {
     return OpenFailure(errno, directory, reported, kind);
   }
@@ -149,11 +106,13 @@ CommandResult OpenLocalSource(const std::filesystem::path& local, FileErrorKind 
   const auto not_regular = [kind] {
     return MakeFileError(kind, kCategoryRefused, 1, "local_path must be a regular non-reparse file");
   };
-  // O_NONBLOCK keeps a FIFO from hanging the open; it is refused just below.
-  source.Reset(RetryOnEintr([&] { return ::open(local.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC); }));
-  if (!source.valid()) {
-    const int error = errno;
-    return error == ELOOP ? not_regular() : MakeFileError(kind, MakeSystemCommandError("open local_path", error));
+  // `local` is the real path the policy decided on, so no link may be met on the way to it; a
+  // link swapped in since then would lead the copy to a file the policy never saw. O_NONBLOCK
+  // keeps a FIFO from hanging the open; it is refused just below.
+  CommandResult opened = OpenDecidedFile(local, O_RDONLY | O_NONBLOCK | O_NOCTTY, "open local_path", source);
+  if (!opened.ok) {
+    // A refusal means a link now stands where the decided file or one of its directories was.
+    return opened.error->category == kCategoryRefused ? not_regular() : MakeFileError(kind, opened);
   }
   if (::fstat(source.get(), &info) != 0 || !S_ISREG(info.st_mode)) {
     return not_regular();
@@ -161,22 +120,25 @@ CommandResult OpenLocalSource(const std::filesystem::path& local, FileErrorKind 
   return CommandResult::Success();
 }
 
-CommandResult CopyLocalSource(int source, FileErrorKind kind,
+CommandResult CopyLocalSource(int source, uint64_t size, FileErrorKind kind,
                               const std::function<CommandResult(std::string_view)>& sink) {
   std::vector<char> block(kCopyBlockBytes);
-  for (;;) {
-    const ssize_t got = RetryOnEintr([&] { return ::read(source, block.data(), block.size()); });
+  for (uint64_t left = size; left > 0;) {
+    const size_t want = static_cast<size_t>(std::min<uint64_t>(left, block.size()));
+    const ssize_t got = RetryOnEintr([&] { return ::read(source, block.data(), want); });
     if (got < 0) {
       return MakeFileError(kind, MakeSystemCommandError("read local_path", errno));
     }
     if (got == 0) {
-      return CommandResult::Success();
+      break;
     }
+    left -= static_cast<uint64_t>(got);
     CommandResult written = sink(std::string_view(block.data(), static_cast<size_t>(got)));
     if (!written.ok) {
       return written;
     }
   }
+  return CommandResult::Success();
 }
 
 std::string EntryNameOf(const std::filesystem::path& path) { return path.filename().native(); }

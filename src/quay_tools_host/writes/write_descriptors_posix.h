@@ -45,14 +45,16 @@ class WriteDirectory {
 [[nodiscard]] CommandResult WriteAllToFd(int fd, std::string_view bytes, FileErrorKind kind, std::string_view stage,
                                          uint64_t* bytes_written);
 
-// A local source opened without following a link (and without blocking on a FIFO), proved to
-// be a regular file on the open descriptor.
+// A local source at the real path the policy decided on, opened with no link on the way (and
+// without blocking on a FIFO), proved on the open descriptor to be that path and a regular file.
 [[nodiscard]] CommandResult OpenLocalSource(const std::filesystem::path& local, FileErrorKind kind, ScopedFd& source,
                                             struct stat& info);
 
-// Reads `source` to its end in blocks of 64 KiB and hands each block to `sink`, which answers
-// with the result of writing it; a failed read is the stage "read local_path".
-[[nodiscard]] CommandResult CopyLocalSource(int source, FileErrorKind kind,
+// Reads at most `size` bytes of `source` (its size when it was opened) in blocks of 64 KiB and
+// hands each block to `sink`, which answers with the result of writing it; a failed read is the
+// stage "read local_path". A file that grows meanwhile, or one whose reported size of 0 hides
+// content (a /proc file), is copied as its size promised, the way file_read reads it.
+[[nodiscard]] CommandResult CopyLocalSource(int source, uint64_t size, FileErrorKind kind,
                                             const std::function<CommandResult(std::string_view)>& sink);
 
 // The last component of a path, as the name of a directory entry.

@@ -38,13 +38,9 @@ inline constexpr PathWalkWords kExportPathWords{FileErrorKind::kInvalidExportPat
 [[nodiscard]] std::vector<std::filesystem::path> ListPathsFromTop(const std::filesystem::path& path,
                                                                   const std::filesystem::path& root);
 
-// The component itself, never what a link there points to, must be a directory.
-[[nodiscard]] CommandResult InspectDirectoryComponent(const std::filesystem::path& directory,
-                                                      const PathWalkWords& words = kWritePathWords);
-
 // Creates what is missing of `parent` from `root` down, `root` itself included when its own
-// parent exists; a link or a file in the way is never created over. Nothing above `root` is
-// looked at.
+// parent exists; each level is made in a descriptor of the one above, and a link or a file in
+// the way is refused, never followed. Nothing above `root` is looked at.
 [[nodiscard]] CommandResult EnsureParentDirectories(const std::filesystem::path& parent,
                                                    const std::filesystem::path& root,
                                                    const PathWalkWords& words = kWritePathWords);

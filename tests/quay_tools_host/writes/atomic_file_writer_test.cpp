@@ -2,7 +2,10 @@
 #include "quay_tools_host/writes/atomic_file_writer.h"
 
 #include <gtest/gtest.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/sysmacros.h>
+#include <sys/un.h>
 #include <sys/xattr.h>
 #include <unistd.h>
 
@@ -82,6 +85,49 @@ TEST_F(AtomicWriter, DirectoryTargetIsRefusedAndLeavesNothingBehind) {
             "WRITE_FILE_FAILED: atomically replace file failed: Is a directory");
   EXPECT_TRUE(fs::is_directory(dir_.path() / "d"));
   EXPECT_TRUE(TempSiblingsIn(dir_.path()).empty());
+}
+
+// A FIFO, a socket and a device node are refused as they stand, never replaced by a file.
+TEST_F(AtomicWriter, SpecialFileTargetIsRefusedAndStays) {
+  const fs::path fifo = dir_.path() / "fifo";
+  ASSERT_EQ(::mkfifo(fifo.c_str(), 0644), 0);
+  const fs::path socket_path = dir_.path() / "socket";
+  const int sock = ::socket(AF_UNIX, SOCK_STREAM, 0);
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  std::strncpy(address.sun_path, socket_path.c_str(), sizeof(address.sun_path) - 1);
+  ASSERT_EQ(::bind(sock, reinterpret_cast<const sockaddr*>(&address), sizeof(address)), 0);
+  std::vector<fs::path> targets{fifo, socket_path};
+  // Device nodes need the right to make them; without it the other two still run.
+  if (::mknod((dir_.path() / "null").c_str(), S_IFCHR | 0666, makedev(1, 3)) == 0) targets.push_back(dir_.path() / "null");
+  for (const fs::path& target : targets) {
+    const fs::file_type before = fs::symlink_status(target).type();
+    const CommandResult result = WriteFileAtomically(target, "content");
+    ASSERT_FALSE(result.ok) << target;
+    EXPECT_EQ(result.error->category, 7);
+    EXPECT_EQ(result.error->code, 1);
+    EXPECT_EQ(result.error->message, "INVALID_FILE_PATH: path is not a regular file: " + target.string());
+    EXPECT_EQ(fs::symlink_status(target).type(), before) << target;
+  }
+  ::close(sock);
+  EXPECT_TRUE(TempSiblingsIn(dir_.path()).empty());
+}
+
+// Set-id bits stay only while the replaced file keeps its owner and group.
+TEST_F(AtomicWriter, SetIdBitsGoWhenTheOwnerChanges) {
+  if (::geteuid() != 0) GTEST_SKIP() << "giving a file to another owner needs root";
+  const struct {
+    uid_t owner;
+    gid_t group;
+    mode_t expected;
+  } cases[] = {{0, 0, 06755}, {12345, 0, 0755}, {0, 12345, 0755}};
+  for (const auto& c : cases) {
+    const fs::path target = dir_.WriteFile("setid", "old");
+    ASSERT_EQ(::chown(target.c_str(), c.owner, c.group), 0);
+    ASSERT_EQ(::chmod(target.c_str(), 06755), 0);
+    ASSERT_EQ(Outcome(WriteFileAtomically(target, "agent's bytes")), "ok");
+    EXPECT_EQ(ModeOf(target), c.expected) << c.owner << ":" << c.group;
+  }
 }
 
 TEST_F(AtomicWriter, LinkAtTheTargetOrOnTheWayIsRefused) {
