@@ -28,6 +28,13 @@ std::string Padded(const std::string& head, size_t size, const std::string& tail
   return head + std::string(size - head.size() - tail.size(), 'a') + tail;
 }
 
+// `levels` empty arrays, each inside the next.
+std::string Nested(size_t levels) {
+  std::string text(levels, '[');
+  text.append(levels, ']');
+  return text;
+}
+
 // One input, the frames it must produce, and the exit code it must end with.
 struct SessionCase {
   const char* name;
@@ -89,6 +96,15 @@ INSTANTIATE_TEST_SUITE_P(
         SessionCase{"FrameOverTheLimit", Padded("\"", kMaxJsonText + 2, "\"\n"), {}, 1},
         SessionCase{"LargestFrameWithCarriageReturn", Padded(R"({"method":"ping","pad":")", kMaxJsonText + 1, "\"}\r\n"),
                     {R"({"ok":true})"}, 0},
+        // The parser keeps its own stack, and nothing recurses through the request's values.
+        SessionCase{"MillionLevelsDeep",
+                    "{\"method\":\"ping\",\"params\":" + Nested(1000000) +
+                        "}\n{\"method\":\"file_read\",\"params\":{\"path\":" + Nested(1000000) +
+                        "}}\n{\"method\":\"ping\"}\n",
+                    {R"({"ok":true})",
+                     R"({"error":{"category":7,"code":1,"message":"invalid request params: [json.exception.type_error.302] type must be string, but is array"},"ok":false})",
+                     R"({"ok":true})"},
+                    0},
         SessionCase{"InitializeWithoutParams", "{\"method\":\"internal:initialize\"}\n", {R"({"ok":true})"}, 0},
         SessionCase{"MissingRgIsRefused",
                     "{\"method\":\"internal:initialize\",\"params\":{\"rg_executable\":\"relative/rg\"}}\n",
