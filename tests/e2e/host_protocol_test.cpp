@@ -10,6 +10,7 @@ namespace {
 
 using quay_test::ExitStatus;
 using quay_test::HostProcess;
+using namespace std::string_literals;
 
 constexpr size_t kMaxJsonText = 16777215;
 
@@ -79,6 +80,9 @@ INSTANTIATE_TEST_SUITE_P(
                     {kUnknown, kUnknown, kUnknown, R"({"ok":true})"}, 0},
         SessionCase{"UnfinishedFrameIsAReadFailure", "{\"method\":\"ping\"}", {}, 2},
         SessionCase{"EmptyLineIsInvalidJson", "\n{\"method\":\"ping\"}\n", {kInvalidJson}, 1},
+        // The whole line is the JSON text, a NUL byte and what follows it included.
+        SessionCase{"BytesAfterANulAreRead", "{\"method\":\"ping\"}\0{\"method\":\"shutdown\"}\n"s,
+                    {kInvalidJson}, 1},
         SessionCase{"ArrayIsNotARequest", "[1,2]\n{\"method\":\"ping\"}\n", {kInternal}, 1},
         SessionCase{"MethodOfWrongType", "{\"method\":1}\n", {kInternal}, 1},
         SessionCase{"BadParamsGoOn",
