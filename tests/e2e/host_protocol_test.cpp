@@ -64,6 +64,8 @@ TEST_P(HostSession, AnswersAndExitCodeMatch) {
 const std::string kUnknown =
     R"({"error":{"category":7,"code":2,"message":"unsupported quay tools host method"},"ok":false})";
 const std::string kInvalidJson = R"({"error":{"category":3,"code":0,"message":"invalid json request"},"ok":false})";
+const std::string kNulInPath =
+    R"({"error":{"category":7,"code":1,"message":"INVALID_FILE_PATH: path contains a NUL character"},"ok":false})";
 const std::string kInternal =
     R"({"error":{"category":3,"code":0,"message":"internal host request failure"},"ok":false})";
 
@@ -110,6 +112,18 @@ INSTANTIATE_TEST_SUITE_P(
                      R"({"ok":true})"},
                     0},
         SessionCase{"InitializeWithoutParams", "{\"method\":\"internal:initialize\"}\n", {R"({"ok":true})"}, 0},
+        // The system would cut each of these paths at the NUL.
+        SessionCase{"NulInAnInitializePathIsRefused",
+                    R"({"method":"internal:initialize","params":{"rg_executable":"/usr/bin/rg\u0000garbage"}})"
+                    "\n"
+                    R"({"method":"internal:initialize","params":{"install_dir":"/opt/i\u0000x"}})"
+                    "\n"
+                    R"({"method":"internal:initialize","params":{"sbox_log_dir":"\u0000"}})"
+                    "\n"
+                    R"({"method":"internal:initialize","params":{"sbox_dump_dir":"/d\u0000"}})"
+                    "\n",
+                    {kNulInPath, kNulInPath, kNulInPath, kNulInPath},
+                    0},
         SessionCase{"MissingRgIsRefused",
                     "{\"method\":\"internal:initialize\",\"params\":{\"rg_executable\":\"relative/rg\"}}\n",
                     {R"({"error":{"category":7,"code":1,"message":"RG_NOT_FOUND: activated rg executable is unavailable"},"ok":false})"},
