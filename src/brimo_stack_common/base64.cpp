@@ -84,7 +84,9 @@ std::string DecodeBase64Content(std::string_view text, bool* valid) {
     if (rest == 3) {
       group |= kBase64.position[2][bytes[i + 2]];
     }
-    if ((group & kBase64Bad) != 0) {
+    // The bits behind the last whole byte must be zero, so that each byte string has one text.
+    const uint32_t pad_bits = group & (rest == 2 ? 0xFFFFu : 0xFFu);
+    if ((group & kBase64Bad) != 0 || pad_bits != 0) {
       return fail();
     }
     out.push_back(static_cast<char>(group >> 16));

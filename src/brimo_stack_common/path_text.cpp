@@ -18,6 +18,15 @@ std::string PathToUtf8(const std::filesystem::path& path) {
   return std::string(text.begin(), text.end());
 }
 
+bool AnyPathHasNul(std::initializer_list<std::string_view> paths) {
+  for (const std::string_view path : paths) {
+    if (path.find('\0') != std::string_view::npos) {
+      return true;
+    }
+  }
+  return false;
+}
+
 bool IsPathTextAtOrBelow(std::string_view path, std::string_view root) {
   if (path == root) {
     return true;

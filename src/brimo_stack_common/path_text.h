@@ -3,6 +3,7 @@
 #pragma once
 
 #include <filesystem>
+#include <initializer_list>
 #include <string>
 #include <string_view>
 
@@ -41,6 +42,11 @@ namespace brimo_stack {
 
 // Removes separators at the end of a path text, never the one of a bare root.
 void StripTrailingSeparators(std::string& text);
+
+// True when one of the texts holds a NUL byte: the system would cut that path there and act on
+// another one than was checked. Every refusal of such a text says kNulInPathMessage.
+[[nodiscard]] bool AnyPathHasNul(std::initializer_list<std::string_view> paths);
+inline constexpr std::string_view kNulInPathMessage = "path contains a NUL character";
 
 // `path` equals `root` or lies below it at a separator boundary, by text alone: both must be
 // in the same normal form. "/tmp/qz/tool" is not below "/tmp/qz/to".

@@ -29,6 +29,14 @@ TEST(DecodeBase64Content, StrictForm) {
       {"-_-_", false, ""},
       {"QUJDRA==QUJD", false, ""},
       {"====", false, ""},
+      // The pad bits behind the last whole byte are zero: each byte string has one text.
+      {"/w==", true, "\xFF"},
+      {"//8=", true, "\xFF\xFF"},
+      {"QR==", false, ""},
+      {"Q/==", false, ""},
+      {"QUJ=", false, ""},
+      {"//9=", false, ""},
+      {"QUJDRB==", false, ""},
   };
   for (const Row& row : rows) {
     bool valid = !row.valid;

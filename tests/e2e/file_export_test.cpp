@@ -202,6 +202,16 @@ TEST_F(FileExport, RefusedProfileInstallDirIsTheAnswer) {
                   {"message", "Profile install_dir must be an absolute path without parent traversal"}}));
 }
 
+// The system would cut the directory at the NUL, and no export path could lie below a root
+// that holds one: the call is refused and the earlier install_dir stays.
+TEST_F(FileExport, InstallDirWithANulIsRefusedAndTheEarlierOneStays) {
+  const std::string install_dir("/opt/i\0/sandbox_envs_dir", 24);
+  const json refused = Host().Call({{"method", "internal:initialize"}, {"params", {{"install_dir", install_dir}}}});
+  EXPECT_EQ(refused["error"], json({{"category", 7}, {"code", 1}, {"message", "INVALID_FILE_PATH: path contains a NUL character"}}));
+  const json exported = Export("source.txt", (layout_.root / "a.txt").native());
+  EXPECT_TRUE(exported.value("ok", false)) << exported.dump();
+}
+
 // One refusal: what stands on disk first, what is asked for, and the answer in full. In the
 // texts, {root}, {tmp} and {outside} stand for the layout's paths, {nul} for a NUL byte, and
 // {beyond}, {linked} and {is_link} for the heads of the refusals outside the root, through a

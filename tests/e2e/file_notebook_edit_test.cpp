@@ -115,4 +115,15 @@ TEST_F(FileNotebookEditE2eTest, RefusalsLeaveTheFileAlone) {
   EXPECT_EQ(ReadWholeFile(path_), original);
 }
 
+TEST_F(FileNotebookEditE2eTest, DeeplyNestedNotebookIsRefusedAndTheHostGoesOn) {
+  const int levels = 80000;
+  const std::string deep = R"({"cells":[{"cell_type":"code","id":"c","metadata":)" + std::string(levels, '[') +
+                           std::string(levels, ']') + R"(,"source":"","outputs":[],"execution_count":null}]})";
+  dir_.WriteFile("deep.ipynb", deep);
+  EXPECT_EQ(Refusal("file_notebook_edit", {{"path", P("deep.ipynb")}, {"cell_id", "c"}, {"new_source", "x"}}, 7, 1),
+            "INVALID_NOTEBOOK_JSON: failed to parse notebook JSON");
+  EXPECT_EQ(host_.Call({{"method", "ping"}}), json({{"ok", true}}));
+  EXPECT_EQ(ReadWholeFile(P("deep.ipynb")), deep);
+}
+
 }  // namespace

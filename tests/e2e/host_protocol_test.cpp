@@ -10,6 +10,7 @@ namespace {
 
 using quay_test::ExitStatus;
 using quay_test::HostProcess;
+using namespace std::string_literals;
 
 constexpr size_t kMaxJsonText = 16777215;
 
@@ -26,6 +27,13 @@ void ExpectExit(const ExitStatus& status, int code) {
 // `head`, then 'a's, then `tail`, `size` bytes in all.
 std::string Padded(const std::string& head, size_t size, const std::string& tail) {
   return head + std::string(size - head.size() - tail.size(), 'a') + tail;
+}
+
+// `levels` empty arrays, each inside the next.
+std::string Nested(size_t levels) {
+  std::string text(levels, '[');
+  text.append(levels, ']');
+  return text;
 }
 
 // One input, the frames it must produce, and the exit code it must end with.
@@ -56,6 +64,8 @@ TEST_P(HostSession, AnswersAndExitCodeMatch) {
 const std::string kUnknown =
     R"({"error":{"category":7,"code":2,"message":"unsupported quay tools host method"},"ok":false})";
 const std::string kInvalidJson = R"({"error":{"category":3,"code":0,"message":"invalid json request"},"ok":false})";
+const std::string kNulInPath =
+    R"({"error":{"category":7,"code":1,"message":"INVALID_FILE_PATH: path contains a NUL character"},"ok":false})";
 const std::string kInternal =
     R"({"error":{"category":3,"code":0,"message":"internal host request failure"},"ok":false})";
 
@@ -72,6 +82,9 @@ INSTANTIATE_TEST_SUITE_P(
                     {kUnknown, kUnknown, kUnknown, R"({"ok":true})"}, 0},
         SessionCase{"UnfinishedFrameIsAReadFailure", "{\"method\":\"ping\"}", {}, 2},
         SessionCase{"EmptyLineIsInvalidJson", "\n{\"method\":\"ping\"}\n", {kInvalidJson}, 1},
+        // The whole line is the JSON text, a NUL byte and what follows it included.
+        SessionCase{"BytesAfterANulAreRead", "{\"method\":\"ping\"}\0{\"method\":\"shutdown\"}\n"s,
+                    {kInvalidJson}, 1},
         SessionCase{"ArrayIsNotARequest", "[1,2]\n{\"method\":\"ping\"}\n", {kInternal}, 1},
         SessionCase{"MethodOfWrongType", "{\"method\":1}\n", {kInternal}, 1},
         SessionCase{"BadParamsGoOn",
@@ -89,7 +102,28 @@ INSTANTIATE_TEST_SUITE_P(
         SessionCase{"FrameOverTheLimit", Padded("\"", kMaxJsonText + 2, "\"\n"), {}, 1},
         SessionCase{"LargestFrameWithCarriageReturn", Padded(R"({"method":"ping","pad":")", kMaxJsonText + 1, "\"}\r\n"),
                     {R"({"ok":true})"}, 0},
+        // The parser keeps its own stack, and nothing recurses through the request's values.
+        SessionCase{"MillionLevelsDeep",
+                    "{\"method\":\"ping\",\"params\":" + Nested(1000000) +
+                        "}\n{\"method\":\"file_read\",\"params\":{\"path\":" + Nested(1000000) +
+                        "}}\n{\"method\":\"ping\"}\n",
+                    {R"({"ok":true})",
+                     R"({"error":{"category":7,"code":1,"message":"invalid request params: [json.exception.type_error.302] type must be string, but is array"},"ok":false})",
+                     R"({"ok":true})"},
+                    0},
         SessionCase{"InitializeWithoutParams", "{\"method\":\"internal:initialize\"}\n", {R"({"ok":true})"}, 0},
+        // The system would cut each of these paths at the NUL.
+        SessionCase{"NulInAnInitializePathIsRefused",
+                    R"({"method":"internal:initialize","params":{"rg_executable":"/usr/bin/rg\u0000garbage"}})"
+                    "\n"
+                    R"({"method":"internal:initialize","params":{"install_dir":"/opt/i\u0000x"}})"
+                    "\n"
+                    R"({"method":"internal:initialize","params":{"sbox_log_dir":"\u0000"}})"
+                    "\n"
+                    R"({"method":"internal:initialize","params":{"sbox_dump_dir":"/d\u0000"}})"
+                    "\n",
+                    {kNulInPath, kNulInPath, kNulInPath, kNulInPath},
+                    0},
         SessionCase{"MissingRgIsRefused",
                     "{\"method\":\"internal:initialize\",\"params\":{\"rg_executable\":\"relative/rg\"}}\n",
                     {R"({"error":{"category":7,"code":1,"message":"RG_NOT_FOUND: activated rg executable is unavailable"},"ok":false})"},

@@ -4,6 +4,7 @@
 #include <nlohmann/json.hpp>
 
 #include "brimo_stack_common/json_number.h"
+#include "brimo_stack_common/path_text.h"
 
 namespace brimo_stack::local_runtime {
 namespace {
@@ -85,6 +86,9 @@ bool ParseHostLaunchConfig(std::string_view text, HostLaunchConfig& config) {
     return false;
   }
 
+  if (AnyPathHasNul({parsed.log.log_dir, parsed.crash.dump_dir})) {
+    return false;
+  }
   if (parsed.transport.has_value()) {
     const HostTransportConfig& t = *parsed.transport;
     if (t.stdin_fd < 0 || t.stdout_fd < 0 || t.stderr_fd < 0 || t.parent_watch_fd < 0) {

@@ -3,6 +3,7 @@
 #include <system_error>
 
 #include "brimo_stack_common/base64.h"
+#include "brimo_stack_common/path_text.h"
 #include "quay_tools_host/file_command_service.h"
 #include "quay_tools_host/files/file_errors.h"
 #include "quay_tools_host/files/file_paths.h"
@@ -24,8 +25,8 @@ CommandResult FileCommandService::CreateTempFile(const FileCreateTempRequest& re
     return Refuse("temp file root is empty");
   }
   // The system would cut a path at a NUL and write somewhere else than was checked.
-  if (request.root.find('\0') != std::string::npos || request.sub_path.find('\0') != std::string::npos) {
-    return Refuse("path contains a NUL character");
+  if (AnyPathHasNul({request.root, request.sub_path})) {
+    return Refuse(std::string(kNulInPathMessage));
   }
   if (std::optional<std::string> refusal = internal::ValidateTempSubPath(request.sub_path)) {
     return Refuse(std::move(*refusal));

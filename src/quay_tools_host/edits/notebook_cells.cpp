@@ -10,6 +10,8 @@ namespace brimo_stack::quay_tools_host::internal {
 namespace {
 
 constexpr std::string_view kByteOrderMark = "\xEF\xBB\xBF";
+// Far deeper than real notebooks nest; serialising a tree recurses once a level.
+constexpr size_t kMaxNotebookDepth = 512;
 
 CommandResult Refuse(std::string message) { return CommandResult::Failure(kCategoryRefused, 1, std::move(message)); }
 
@@ -23,6 +25,31 @@ bool AllDigits(std::string_view text) {
     }
   }
   return true;
+}
+
+// A scan of the text, not a parse callback, which would still build the tree it refuses.
+bool NestsDeeperThan(std::string_view text, size_t limit) {
+  size_t depth = 0;
+  bool in_string = false;
+  for (size_t at = 0; at < text.size(); ++at) {
+    const char c = text[at];
+    if (in_string) {
+      if (c == '\\') {
+        ++at;
+      } else if (c == '"') {
+        in_string = false;
+      }
+    } else if (c == '"') {
+      in_string = true;
+    } else if (c == '[' || c == '{') {
+      if (++depth > limit) {
+        return true;
+      }
+    } else if ((c == ']' || c == '}') && depth > 0) {
+      --depth;
+    }
+  }
+  return false;
 }
 
 }  // namespace
@@ -101,6 +128,9 @@ CommandResult EditNotebookText(std::string_view text, const FileNotebookEditRequ
                                NotebookEditOutcome& outcome) {
   if (text.starts_with(kByteOrderMark)) {
     text.remove_prefix(kByteOrderMark.size());
+  }
+  if (NestsDeeperThan(text, kMaxNotebookDepth)) {
+    return Refuse("INVALID_NOTEBOOK_JSON: failed to parse notebook JSON");
   }
   nlohmann::json document =
       nlohmann::json::parse(text, /*cb=*/nullptr, /*allow_exceptions=*/false, /*ignore_comments=*/false);

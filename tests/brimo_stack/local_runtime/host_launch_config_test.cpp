@@ -25,6 +25,16 @@ TEST(LaunchConfigValues, FieldsAreReadAndARefusalChangesNothing) {
   EXPECT_EQ(config.log.log_dir, "/l");
 }
 
+// The JSON can carry a NUL in a directory, which the system would cut there.
+TEST(LaunchConfigValues, DirectoryWithANulIsRefused) {
+  for (const char* text :
+       {R"({"log":{"log_dir":"/l\u0000x","log_level":0},"transport":null})",
+        R"({"log":{"log_dir":"","log_level":0},"transport":null,"crash":{"mode":2,"dump_dir":"/d\u0000"}})"}) {
+    HostLaunchConfig config;
+    EXPECT_FALSE(ParseHostLaunchConfig(text, config)) << text;
+  }
+}
+
 // A NUL cannot travel on a command line, and the host refuses any transport object: what the
 // text alone decides about them is seen only here.
 TEST(HostArguments, EmbeddedNulAndTransportObjectAreRefused) {

@@ -137,6 +137,40 @@ TEST(EditNotebookText, DeleteAndSerialisedForm) {
   EXPECT_EQ(outcome.serialized, "{\n  \"cells\": [],\n  \"z\": \"é\"\n}");
 }
 
+// `inner` inside `levels` arrays.
+std::string Nest(int levels, std::string_view inner = "1") {
+  std::string text(static_cast<size_t>(levels), '[');
+  text += inner;
+  text.append(static_cast<size_t>(levels), ']');
+  return text;
+}
+
+TEST(EditNotebookText, NestingLimitCountsContainersOutsideStrings) {
+  std::string brackets_in_string = "\"";
+  brackets_in_string.append(600, '[').append("\\\"").append(600, '{') += '"';
+  const struct {
+    const char* name;
+    std::string text;
+    bool accepted;
+  } rows[] = {
+      {"512 levels", R"({"cells":[],"m":)" + Nest(511) + "}", true},
+      {"513 levels", R"({"cells":[],"m":)" + Nest(512) + "}", false},
+      {"513 levels of objects", R"({"cells":[],"m":)" + Nest(510, R"({"a":{}})") + "}", false},
+      {"brackets and an escaped quote in a string", R"({"cells":[],"s":)" + brackets_in_string + R"(,"m":)" + Nest(511) + "}",
+       true},
+      {"escaped backslash ends the string", R"({"cells":[],"s":"\\","m":)" + Nest(512) + "}", false},
+  };
+  for (const auto& row : rows) {
+    NotebookEditOutcome outcome;
+    const auto result = EditNotebookText(row.text, Request("insert", {}, "x"), outcome);
+    EXPECT_EQ(result.ok, row.accepted) << row.name;
+    if (!row.accepted && !result.ok) {
+      EXPECT_EQ(result.error->message, "INVALID_NOTEBOOK_JSON: failed to parse notebook JSON") << row.name;
+      EXPECT_EQ(result.error->code, 1) << row.name;
+    }
+  }
+}
+
 TEST(FindNotebookCell, IdsWinOverIndexesAndOddIdsAreSkipped) {
   const json cells = json::parse(R"([{"id":"x"},{"id":"0"},7,{"source":""},{"id":5}])");
   EXPECT_EQ(FindNotebookCell(cells, "0"), 1u);

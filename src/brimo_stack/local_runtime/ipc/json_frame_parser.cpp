@@ -6,6 +6,7 @@
 #include "brimo_stack/local_runtime/ipc/json_frame_parser.h"
 
 #include <cstdint>
+#include <cstring>
 #include <string>
 
 #include "brimo_stack_common/byte_vector.h"
@@ -349,6 +350,11 @@ bool ReadJsonFrameFast(std::string_view text, json& value) {
 bool ParseJsonFrame(std::string_view text, json& value) {
   if (ReadJsonFrameFast(text, value)) {
     return true;
+  }
+  // The library takes a NUL byte for the end of its input and would leave what follows unread;
+  // a valid text holds none, not even inside a string.
+  if (std::memchr(text.data(), '\0', text.size()) != nullptr) {
+    return false;
   }
   value = json::parse(text.begin(), text.end(), nullptr, /*allow_exceptions=*/false, /*ignore_comments=*/false);
   if (value.is_discarded()) {

@@ -91,6 +91,31 @@ TEST(JsonFrameParser, InvalidTextsAreRefused) {
   }
 }
 
+// The whole line is the text: the library stops at a NUL byte, the frame does not.
+TEST(JsonFrameParser, OnlyWhiteSpaceMayFollowTheValue) {
+  using namespace std::string_literals;
+  const struct {
+    std::string text;
+    bool valid;
+  } rows[] = {
+      {"{\"method\":\"ping\"} \t\r\n \r"s, true},
+      {"1.5\t "s, true},
+      {"{\"method\":\"ping\"}\0"s, false},
+      {"{\"method\":\"ping\"}\0garbage"s, false},
+      {"{\"method\":\"ping\"} \0 "s, false},
+      {"1.5\0"s, false},
+      {"[1e3]\0{\"method\":\"shutdown\"}"s, false},
+      {"\0{}"s, false},
+      {"{} {}"s, false},
+      {"1.5 2"s, false},
+  };
+  for (const auto& row : rows) {
+    json value = "stale";
+    EXPECT_EQ(ParseJsonFrame(row.text, value), row.valid) << testing::PrintToString(row.text);
+    EXPECT_EQ(value.is_null(), !row.valid) << testing::PrintToString(row.text);
+  }
+}
+
 // Random edits of request shapes, with bytes that matter to the grammar, strings and UTF-8.
 TEST(JsonFrameParser, MutatedTextsNeverMakeTheTwoDisagree) {
   const std::string alphabet = std::string("\"\\{}[],:-0129.eEu tnfa/") + "\x01\x7F\x80\xBF\xC2\xE0\xED\xF0\xF4\xFF";

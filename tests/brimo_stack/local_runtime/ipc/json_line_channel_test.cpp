@@ -74,8 +74,9 @@ TEST(JsonLineChannelRead, FramesSplitAnywhereReadTheSame) {
 }
 
 TEST(JsonLineChannelRead, OutcomesOfOddInput) {
+  using namespace std::string_literals;
   struct Row {
-    const char* input;
+    std::string input;
     int read_error_at_end;
     JsonHostReadStatus status;
     int category;
@@ -93,6 +94,8 @@ TEST(JsonLineChannelRead, OutcomesOfOddInput) {
       {"\r{\"a\":1}\n", 0, JsonHostReadStatus::kValue, -1, 0, ""},
       {"[1,]\n", 0, JsonHostReadStatus::kInvalidJson, 3, 0, "invalid json request"},
       {"null\n", 0, JsonHostReadStatus::kValue, -1, 0, ""},
+      {"{\"a\":1}\0\r\n"s, 0, JsonHostReadStatus::kInvalidJson, 3, 0, "invalid json request"},
+      {"{\"a\":1}\0{\"a\":2}\n"s, 0, JsonHostReadStatus::kInvalidJson, 3, 0, "invalid json request"},
   };
   for (const Row& row : rows) {
     Fixture f({row.input});
