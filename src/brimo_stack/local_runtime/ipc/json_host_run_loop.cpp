@@ -50,7 +50,14 @@ void LogFailedDispatch(std::string_view component, const JsonHostRequest& reques
 // -1 to go on, otherwise the exit code.
 int32_t WriteResponseAndAct(ipc::IJsonLineChannel& channel, std::string_view component, const CommandResult& result,
                             JsonHostAction action) {
-  const CommandResult write = channel.WriteMessage(BuildResponseEnvelope(result));
+  CommandResult write = channel.WriteMessage(BuildResponseEnvelope(result));
+  if (write.HasReason(FailureReason::kResponseTooLarge)) {
+    // Nothing of the refused frame went out, so the pipe is still in step: this request is
+    // answered with the refusal, and the host serves the next one.
+    LogResultError(component, "IPC response refused", write);
+    write = channel.WriteMessage(
+        BuildResponseEnvelope(CommandResult::Failure(kCategoryInternal, 0, std::move(write.error->message))));
+  }
   if (!write.ok) {
     LogResultError(component, "write IPC response failed", write);
     return 3;
