@@ -2,8 +2,10 @@
 #include "brimo_stack/local_runtime/ipc/json_host_run_loop.h"
 
 #include <exception>
+#include <string>
 
 #include "brimo_stack/local_runtime/logging/structured_log.h"
+#include "brimo_stack_common/utf8.h"
 
 namespace brimo_stack::local_runtime {
 namespace {
@@ -69,6 +71,16 @@ int32_t WriteResponseAndAct(ipc::IJsonLineChannel& channel, std::string_view com
   }
 }
 
+// Messages echo inputs (a path, a pattern) that may run to megabytes; the head word at the start
+// is what a parent matches on, and the count tells it that the rest is missing.
+std::string BoundedMessage(const std::string& message) {
+  if (message.size() <= kMaxResponseMessageBytes) {
+    return message;
+  }
+  const size_t kept = CompleteUtf8Prefix(std::string_view(message).substr(0, kMaxResponseMessageBytes));
+  return message.substr(0, kept) + "... [" + std::to_string(message.size() - kept) + " bytes cut]";
+}
+
 JsonHostDispatchResult InternalRequestFailure() {
   return JsonHostDispatchResult{CommandResult::Failure(kCategoryInternal, 0, "internal host request failure"),
                                 JsonHostAction::kStopFailure};
@@ -102,7 +114,7 @@ json BuildResponseEnvelope(const CommandResult& result) {
   if (!result.ok && result.error.has_value()) {
     response["error"] = json{{"category", result.error->category},
                              {"code", result.error->code},
-                             {"message", result.error->message}};
+                             {"message", BoundedMessage(result.error->message)}};
   }
   if (result.outputs.has_value() && !result.outputs->empty()) {
     json outputs = json::array();

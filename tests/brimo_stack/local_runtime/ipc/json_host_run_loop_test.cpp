@@ -5,6 +5,8 @@
 
 #include <deque>
 #include <stdexcept>
+#include <string>
+#include <utility>
 
 namespace brimo_stack::local_runtime {
 namespace {
@@ -144,6 +146,23 @@ TEST(ResponseEnvelope, OutputShapesPrintWithSortedKeys) {
             R"({"ok":true,"outputs":[{"type":"t"},{"text":"hello","type":"t"},{"data":"abc","mime_type":"text/plain","type":"t"}]})");
   result.outputs->clear();
   EXPECT_EQ(BuildResponseEnvelope(result).dump(), R"({"ok":true})");
+}
+
+TEST(ResponseEnvelope, LongMessageKeepsItsHeadAndWholeCharacters) {
+  const std::string x(4093, 'x');
+  const std::pair<std::string, std::string> rows[] = {
+      {x + "abc", x + "abc"},
+      {x + "abcd", x + "abc... [1 bytes cut]"},
+      {x + "\xE2\x82\xAC" + "y", x + "\xE2\x82\xAC... [1 bytes cut]"},
+      {x + "a\xE2\x82\xAC", x + "a... [3 bytes cut]"},
+      {x + "\xF0\x9F\x98\x80", x + "... [4 bytes cut]"},
+      {"HEAD: " + std::string(10000000, '/'), "HEAD: " + std::string(4090, '/') + "... [9995910 bytes cut]"},
+  };
+  for (const auto& [message, expected] : rows) {
+    const json envelope = BuildResponseEnvelope(CommandResult::Failure(7, 1, message));
+    ASSERT_LE(envelope["error"].value("message", std::string()).size(), expected.size()) << "not cut";
+    EXPECT_EQ(envelope, json({{"error", {{"category", 7}, {"code", 1}, {"message", expected}}}, {"ok", false}}));
+  }
 }
 
 }  // namespace
