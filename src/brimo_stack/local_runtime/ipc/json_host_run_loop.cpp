@@ -5,6 +5,7 @@
 #include <string>
 
 #include "brimo_stack/local_runtime/logging/structured_log.h"
+#include "brimo_stack_common/log_summary.h"
 #include "brimo_stack_common/utf8.h"
 
 namespace brimo_stack::local_runtime {
@@ -13,6 +14,8 @@ namespace {
 using nlohmann::json;
 
 constexpr int32_t kContinueLoop = -1;
+// A method or call id longer than this is logged as its summary.
+constexpr size_t kMaxLoggedRequestTextBytes = 256;
 
 void LogResultError(std::string_view component, std::string_view message, const CommandResult& result) {
   json fields = json::object();
@@ -32,20 +35,22 @@ void LogStop(std::string_view component, std::string_view reason, int32_t exit_c
 }
 
 void LogFailedDispatch(std::string_view component, const JsonHostRequest& request, const CommandResult& result) {
+  const std::string method = TextOrSummaryForLog(request.method, kMaxLoggedRequestTextBytes);
+  const std::string call_id = TextOrSummaryForLog(request.sdk_call_id, kMaxLoggedRequestTextBytes);
   if (result.error.has_value()) {
     const int32_t category = result.error->category;
     const LogLevel level = category == kCategoryTimeout || category == kCategoryRefused ? LogLevel::kWarning
                                                                                          : LogLevel::kError;
     LogStructured(level, component, "rpc request failed",
-                  json{{"method", request.method},
-                       {"sdk_call_id", request.sdk_call_id},
+                  json{{"method", method},
+                       {"sdk_call_id", call_id},
                        {"category", category},
                        {"code", result.error->code}},
                   BRIMO_LOG_LOCATION());
     return;
   }
   LogStructured(LogLevel::kError, component, "rpc request failed",
-                json{{"method", request.method}, {"sdk_call_id", request.sdk_call_id}, {"reason", "missing_error"}},
+                json{{"method", method}, {"sdk_call_id", call_id}, {"reason", "missing_error"}},
                 BRIMO_LOG_LOCATION());
 }
 
