@@ -131,7 +131,9 @@ TEST(HostFrames, LongEchoesAreCutAndTheHostGoesOn) {
                                       {"policy", {{"blacklist_patterns", {pattern}}}}};
   const Row rows[] = {
       {{{"method", "file_export"}, {"params", export_params}}, export_head + export_path, 4095},
-      {{{"method", "file_read"}, {"params", read_params}}, "FILE_ACCESS_DENIED: matched blacklist pattern: " + pattern, 4096},
+      {{{"method", "file_read"}, {"params", read_params}},
+       "FILE_ACCESS_DENIED: matched blacklist pattern: " + pattern,
+       4096},
   };
   HostProcess host = HostProcess::WithConfig();
   for (const Row& row : rows) {
@@ -139,7 +141,8 @@ TEST(HostFrames, LongEchoesAreCutAndTheHostGoesOn) {
         row.message.substr(0, row.kept) + "... [" + std::to_string(row.message.size() - row.kept) + " bytes cut]";
     const nlohmann::json answer = host.Call(row.request);
     ASSERT_LE(answer["error"].value("message", std::string()).size(), expected.size()) << "not cut";
-    EXPECT_EQ(answer, nlohmann::json({{"error", {{"category", 7}, {"code", 1}, {"message", expected}}}, {"ok", false}}));
+    EXPECT_EQ(answer,
+              nlohmann::json({{"error", {{"category", 7}, {"code", 1}, {"message", expected}}}, {"ok", false}}));
     EXPECT_EQ(host.Call({{"method", "ping"}}).dump(), R"({"ok":true})");
   }
   ExpectExit(FinishAndWait(host), 0);
