@@ -17,6 +17,9 @@ namespace brimo_stack {
 enum class FailureReason : uint8_t {
   kUnspecified = 0,
   kAccessDenied = 1,
+  // The channel refused a response by its size before writing a byte of it: the request can
+  // still be answered, unlike after a failed write.
+  kResponseTooLarge = 2,
 };
 
 struct CommandError {

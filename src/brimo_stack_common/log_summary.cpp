@@ -36,6 +36,10 @@ std::string SummarizeTextForLog(std::string_view text) {
   return out;
 }
 
+std::string TextOrSummaryForLog(std::string_view text, size_t limit) {
+  return text.size() <= limit ? std::string(text) : SummarizeTextForLog(text);
+}
+
 std::string ExtensionOfPathText(std::string_view text) {
   const size_t separator = text.find_last_of("/\\");
   const std::string_view name = separator == std::string_view::npos ? text : text.substr(separator + 1);

@@ -30,6 +30,11 @@ TEST(SummarizeTextForLog, FormatAndByteLength) {
   EXPECT_EQ(SummarizePathForLog(std::filesystem::path("/a/b.c")), SummarizeTextForLog("/a/b.c"));
 }
 
+TEST(TextOrSummaryForLog, LimitIsInclusive) {
+  EXPECT_EQ(TextOrSummaryForLog("abcd", 4), "abcd");
+  EXPECT_EQ(TextOrSummaryForLog("abcde", 4), "{len=5, hash=6348c52d762364a8, ext=\"\"}");
+}
+
 TEST(QuoteForLog, EscapesAndReplaces) {
   EXPECT_EQ(QuoteForLog("a\"b\n"), "\"a\\\"b\\n\"");
   EXPECT_EQ(QuoteForLog("\xC3\xA9"), "\"\xC3\xA9\"");

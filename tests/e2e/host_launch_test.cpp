@@ -119,15 +119,16 @@ TEST(HostLaunch, WithoutProcTheHostServesAndSaysWhatIsMissing) {
   }
 }
 
-// Runs one session with logging at `level` (and `members` added to the launch JSON) and returns
-// the log file's text.
-std::string RunLoggedSession(const quay_test::TempDir& dir, int level, pid_t& pid, const std::string& members = "") {
+// Runs one session with logging at `level` (and `members` added to the launch JSON): a ping and
+// the `failing` request. Returns the log file's text.
+std::string RunLoggedSession(const quay_test::TempDir& dir, int level, pid_t& pid, const std::string& members = "",
+                             const nlohmann::json& failing = {{"method", "nope"}, {"sdk_call_id", "c1"}}) {
   const std::string config = R"({"log":{"log_dir":")" + dir.path().string() + R"(","log_level":)" +
                              std::to_string(level) + R"(},"transport":null)" + members + "}";
   HostProcess host = HostProcess::WithConfig(config);
   pid = host.pid();
   EXPECT_EQ(host.Call({{"method", "ping"}}).dump(), R"({"ok":true})");
-  EXPECT_EQ(host.Call({{"method", "nope"}, {"sdk_call_id", "c1"}})["ok"], false);
+  EXPECT_EQ(host.Call(failing)["ok"], false);
   host.CloseStdin();
   EXPECT_EQ(host.Wait().code, 0);
   const auto log_dir = dir.path() / "marsh_console_host";
@@ -159,6 +160,19 @@ TEST(HostLog, LinesHaveTheFixedFormatAndCrLf) {
   EXPECT_EQ(match[1], "W");
   ASSERT_TRUE(std::regex_search(log, match, stop)) << log;
   EXPECT_EQ(match[1], "I");
+}
+
+TEST(HostLog, LongMethodAndCallIdAreSummarised) {
+  quay_test::TempDir dir;
+  pid_t pid = 0;
+  const std::string method(1000000, 'm');
+  const std::string call_id(1000000, 'c');
+  const std::string log = RunLoggedSession(dir, 3, pid, "", {{"method", method}, {"sdk_call_id", call_id}});
+  ASSERT_LT(log.size(), 4096u) << "the log echoes the request";
+  const std::string summary = R"(\{len=1000000, hash=[0-9a-f]{16}, ext=\\"\\"\})";
+  const std::regex line(R"(message=rpc request failed, fields=\{"category":7,"code":2,"method":")" + summary +
+                        R"(","sdk_call_id":")" + summary + R"("\})");
+  EXPECT_TRUE(std::regex_search(log, line)) << log;
 }
 
 TEST(HostLog, LevelDecidesWhatIsWritten) {

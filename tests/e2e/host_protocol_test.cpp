@@ -145,6 +145,43 @@ TEST(HostFrames, ManyFramesInOneWriteAreAnsweredInOrder) {
   ExpectExit(FinishAndWait(host), 0);
 }
 
+// Refusals echo their input. A long echo is cut to its first 4,096 bytes (here one byte less, as
+// a two-byte character straddles the cut) and marked; the host answers and serves the next request.
+TEST(HostFrames, LongEchoesAreCutAndTheHostGoesOn) {
+  const std::string export_head = "INVALID_EXPORT_PATH: export_path is outside trusted export root: ";
+  // Whole, the refusal would be over the payload budget.
+  std::string export_path(4095 - export_head.size(), 'a');
+  export_path.front() = '/';
+  export_path += "\xC3\xA9";
+  export_path.resize(16720000, 'b');
+  const std::string pattern = std::string(QUAY_TOOLS_HOST_BINARY) + std::string(3000000, '/');
+  struct Row {
+    nlohmann::json request;
+    std::string message;
+    size_t kept;
+  };
+  const nlohmann::json export_params = {{"path", QUAY_TOOLS_HOST_BINARY}, {"export_path", export_path}};
+  const nlohmann::json read_params = {{"path", QUAY_TOOLS_HOST_BINARY},
+                                      {"policy", {{"blacklist_patterns", {pattern}}}}};
+  const Row rows[] = {
+      {{{"method", "file_export"}, {"params", export_params}}, export_head + export_path, 4095},
+      {{{"method", "file_read"}, {"params", read_params}},
+       "FILE_ACCESS_DENIED: matched blacklist pattern: " + pattern,
+       4096},
+  };
+  HostProcess host = HostProcess::WithConfig();
+  for (const Row& row : rows) {
+    const std::string expected =
+        row.message.substr(0, row.kept) + "... [" + std::to_string(row.message.size() - row.kept) + " bytes cut]";
+    const nlohmann::json answer = host.Call(row.request);
+    ASSERT_LE(answer["error"].value("message", std::string()).size(), expected.size()) << "not cut";
+    EXPECT_EQ(answer,
+              nlohmann::json({{"error", {{"category", 7}, {"code", 1}, {"message", expected}}}, {"ok", false}}));
+    EXPECT_EQ(host.Call({{"method", "ping"}}).dump(), R"({"ok":true})");
+  }
+  ExpectExit(FinishAndWait(host), 0);
+}
+
 TEST(HostExit, WriteFailureEndsWithThree) {
   for (const char* request : {"{\"method\":\"ping\"}\n", "{\"method\":\"shutdown\"}\n", "not json\n"}) {
     HostProcess host = HostProcess::WithConfig();

@@ -2,8 +2,11 @@
 #include "brimo_stack/local_runtime/ipc/json_host_run_loop.h"
 
 #include <exception>
+#include <string>
 
 #include "brimo_stack/local_runtime/logging/structured_log.h"
+#include "brimo_stack_common/log_summary.h"
+#include "brimo_stack_common/utf8.h"
 
 namespace brimo_stack::local_runtime {
 namespace {
@@ -11,6 +14,8 @@ namespace {
 using nlohmann::json;
 
 constexpr int32_t kContinueLoop = -1;
+// A method or call id longer than this is logged as its summary.
+constexpr size_t kMaxLoggedRequestTextBytes = 256;
 
 void LogResultError(std::string_view component, std::string_view message, const CommandResult& result) {
   json fields = json::object();
@@ -30,27 +35,36 @@ void LogStop(std::string_view component, std::string_view reason, int32_t exit_c
 }
 
 void LogFailedDispatch(std::string_view component, const JsonHostRequest& request, const CommandResult& result) {
+  const std::string method = TextOrSummaryForLog(request.method, kMaxLoggedRequestTextBytes);
+  const std::string call_id = TextOrSummaryForLog(request.sdk_call_id, kMaxLoggedRequestTextBytes);
   if (result.error.has_value()) {
     const int32_t category = result.error->category;
     const LogLevel level = category == kCategoryTimeout || category == kCategoryRefused ? LogLevel::kWarning
                                                                                          : LogLevel::kError;
     LogStructured(level, component, "rpc request failed",
-                  json{{"method", request.method},
-                       {"sdk_call_id", request.sdk_call_id},
+                  json{{"method", method},
+                       {"sdk_call_id", call_id},
                        {"category", category},
                        {"code", result.error->code}},
                   BRIMO_LOG_LOCATION());
     return;
   }
   LogStructured(LogLevel::kError, component, "rpc request failed",
-                json{{"method", request.method}, {"sdk_call_id", request.sdk_call_id}, {"reason", "missing_error"}},
+                json{{"method", method}, {"sdk_call_id", call_id}, {"reason", "missing_error"}},
                 BRIMO_LOG_LOCATION());
 }
 
 // -1 to go on, otherwise the exit code.
 int32_t WriteResponseAndAct(ipc::IJsonLineChannel& channel, std::string_view component, const CommandResult& result,
                             JsonHostAction action) {
-  const CommandResult write = channel.WriteMessage(BuildResponseEnvelope(result));
+  CommandResult write = channel.WriteMessage(BuildResponseEnvelope(result));
+  if (write.HasReason(FailureReason::kResponseTooLarge)) {
+    // Nothing of the refused frame went out, so the pipe is still in step: this request is
+    // answered with the refusal, and the host serves the next one.
+    LogResultError(component, "IPC response refused", write);
+    write = channel.WriteMessage(
+        BuildResponseEnvelope(CommandResult::Failure(kCategoryInternal, 0, std::move(write.error->message))));
+  }
   if (!write.ok) {
     LogResultError(component, "write IPC response failed", write);
     return 3;
@@ -60,6 +74,16 @@ int32_t WriteResponseAndAct(ipc::IJsonLineChannel& channel, std::string_view com
     case JsonHostAction::kStopSuccess: return 0;
     default: return 1;
   }
+}
+
+// Messages echo inputs (a path, a pattern) that may run to megabytes; the head word at the start
+// is what a parent matches on, and the count tells it that the rest is missing.
+std::string BoundedMessage(const std::string& message) {
+  if (message.size() <= kMaxResponseMessageBytes) {
+    return message;
+  }
+  const size_t kept = CompleteUtf8Prefix(std::string_view(message).substr(0, kMaxResponseMessageBytes));
+  return message.substr(0, kept) + "... [" + std::to_string(message.size() - kept) + " bytes cut]";
 }
 
 JsonHostDispatchResult InternalRequestFailure() {
@@ -95,7 +119,7 @@ json BuildResponseEnvelope(const CommandResult& result) {
   if (!result.ok && result.error.has_value()) {
     response["error"] = json{{"category", result.error->category},
                              {"code", result.error->code},
-                             {"message", result.error->message}};
+                             {"message", BoundedMessage(result.error->message)}};
   }
   if (result.outputs.has_value() && !result.outputs->empty()) {
     json outputs = json::array();

@@ -1,6 +1,7 @@
 // The request loop of the host: read a frame, dispatch, answer, decide the exit code.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <string>
@@ -38,7 +39,12 @@ using JsonHostDispatchFunction = std::function<JsonHostDispatchResult(JsonHostRe
 // whose keys have the wrong type.
 [[nodiscard]] JsonHostRequest ParseJsonHostRequest(nlohmann::json value);
 
-// The response envelope: ok, then error for a failure, then outputs when there are any.
+// A failure's message on the wire holds at most this many bytes of its text, then a mark.
+inline constexpr size_t kMaxResponseMessageBytes = 4096;
+
+// The response envelope: ok, then error for a failure, then outputs when there are any. A
+// message over kMaxResponseMessageBytes keeps its head, cut at a character boundary, and ends
+// in "... [<N> bytes cut]".
 [[nodiscard]] nlohmann::json BuildResponseEnvelope(const CommandResult& result);
 
 [[nodiscard]] int32_t RunJsonHostLoop(ipc::IJsonLineChannel& channel, const JsonHostRunLoopOptions& options,

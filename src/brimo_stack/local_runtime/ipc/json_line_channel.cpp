@@ -15,6 +15,10 @@ CommandResult InternalFailure(const char* message) {
   return CommandResult::Failure(kCategoryInternal, 0, message);
 }
 
+CommandResult SizeRefusal(const char* message) {
+  return CommandResult::Failure(kCategoryInternal, 0, message, FailureReason::kResponseTooLarge);
+}
+
 bool Pay(uint64_t& budget, uint64_t cost) {
   if (cost > budget) {
     return false;
@@ -110,12 +114,12 @@ CommandResult JsonLineChannel::ReadMessage(JsonHostReadResult& out) {
 CommandResult JsonLineChannel::WriteMessage(const nlohmann::json& value) {
   uint64_t budget = kPayloadBudgetBytes;
   if (!FitsPayloadBudget(value, budget, 0)) {
-    return InternalFailure("response exceeds the IPC payload budget");
+    return SizeRefusal("response exceeds the IPC payload budget");
   }
   std::string frame = value.dump(-1, ' ', /*ensure_ascii=*/false, nlohmann::json::error_handler_t::replace);
   frame.push_back('\n');
   if (frame.size() > kFrameLimitBytes) {
-    return InternalFailure("response exceeds the 16 MiB IPC frame limit");
+    return SizeRefusal("response exceeds the 16 MiB IPC frame limit");
   }
   std::lock_guard<std::mutex> lock(write_mutex_);
   return WriteAll(frame);

@@ -39,6 +39,8 @@ class IJsonLineChannel {
  public:
   virtual ~IJsonLineChannel() = default;
   [[nodiscard]] virtual CommandResult ReadMessage(JsonHostReadResult& out) = 0;
+  // A response over the payload budget or the frame limit is refused before any byte of it is
+  // written, with FailureReason::kResponseTooLarge; any other failure may have cut a frame short.
   [[nodiscard]] virtual CommandResult WriteMessage(const nlohmann::json& value) = 0;
 };
 

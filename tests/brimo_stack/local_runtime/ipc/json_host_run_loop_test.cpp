@@ -5,6 +5,8 @@
 
 #include <deque>
 #include <stdexcept>
+#include <string>
+#include <utility>
 
 namespace brimo_stack::local_runtime {
 namespace {
@@ -13,13 +15,14 @@ using ipc::JsonHostReadResult;
 using ipc::JsonHostReadStatus;
 using nlohmann::json;
 
-// Hands out the scripted values, then end of input. What the real channel reports for bad
-// frames, and what the loop makes of it, is tried end to end (e2e/host_protocol_test).
+// Hands out the scripted values, then end of input; each write takes the next scripted outcome
+// (success once they run out) and is recorded whatever it was. What the real channel reports for
+// bad frames, and what the loop makes of it, is tried end to end (e2e/host_protocol_test).
 class ScriptedChannel final : public ipc::IJsonLineChannel {
  public:
   std::deque<json> reads;
+  std::deque<CommandResult> write_outcomes;
   std::vector<json> written;
-  bool fail_writes = false;
 
   CommandResult ReadMessage(JsonHostReadResult& out) override {
     out.status = reads.empty() ? JsonHostReadStatus::kEndOfInput : JsonHostReadStatus::kValue;
@@ -30,10 +33,18 @@ class ScriptedChannel final : public ipc::IJsonLineChannel {
 
   CommandResult WriteMessage(const json& value) override {
     written.push_back(value);
-    return fail_writes ? CommandResult::Failure(6, 32, "write host IPC response failed: Broken pipe")
-                       : CommandResult::Success();
+    if (write_outcomes.empty()) return CommandResult::Success();
+    CommandResult outcome = std::move(write_outcomes.front());
+    write_outcomes.pop_front();
+    return outcome;
   }
 };
+
+const CommandResult kBrokenPipe = CommandResult::Failure(6, 32, "write host IPC response failed: Broken pipe");
+const CommandResult kOverBudget = CommandResult::Failure(3, 0, "response exceeds the IPC payload budget",
+                                                         FailureReason::kResponseTooLarge);
+const CommandResult kOverFrame = CommandResult::Failure(3, 0, "response exceeds the 16 MiB IPC frame limit",
+                                                        FailureReason::kResponseTooLarge);
 
 JsonHostDispatchResult EchoDispatch(const JsonHostRequest& request) {
   if (request.method == "stop") return {CommandResult::Success(), JsonHostAction::kStopSuccess};
@@ -53,7 +64,7 @@ JsonHostDispatchResult EchoDispatch(const JsonHostRequest& request) {
 struct LoopCase {
   const char* name;
   std::vector<json> reads;
-  bool fail_writes;
+  std::vector<CommandResult> write_outcomes;
   int exit_code;
   std::vector<std::string> responses;
 };
@@ -64,7 +75,7 @@ TEST_P(RunLoop, ExitCodeAndResponses) {
   const LoopCase& c = GetParam();
   ScriptedChannel channel;
   channel.reads.assign(c.reads.begin(), c.reads.end());
-  channel.fail_writes = c.fail_writes;
+  channel.write_outcomes.assign(c.write_outcomes.begin(), c.write_outcomes.end());
   const int32_t code = RunJsonHostLoop(channel, {"test.rpc", true}, EchoDispatch);
   EXPECT_EQ(code, c.exit_code);
   std::vector<std::string> dumped;
@@ -73,6 +84,12 @@ TEST_P(RunLoop, ExitCodeAndResponses) {
 }
 
 const char* kInternal = R"({"error":{"category":3,"code":0,"message":"internal host request failure"},"ok":false})";
+const char* kEchoM = R"({"ok":true,"outputs":[{"data":{"id":"","method":"m","params":{}},"type":"json"}]})";
+const char* kBad = R"({"error":{"category":7,"code":1,"message":"bad"},"ok":false})";
+const char* kBudgetAnswer =
+    R"({"error":{"category":3,"code":0,"message":"response exceeds the IPC payload budget"},"ok":false})";
+const char* kFrameAnswer =
+    R"({"error":{"category":3,"code":0,"message":"response exceeds the 16 MiB IPC frame limit"},"ok":false})";
 
 // End of input, bad frames, write failures, shutdown and requests that are no object are met
 // through the built host; these are the outcomes only a dispatch function can bring about.
@@ -81,20 +98,34 @@ INSTANTIATE_TEST_SUITE_P(
     ::testing::Values(
         LoopCase{"ContinueThenEof",
                  {{{"method", "m"}, {"sdk_call_id", "c"}, {"params", {1}}}, nullptr},
-                 false,
+                 {},
                  0,
                  {R"({"ok":true,"outputs":[{"data":{"id":"c","method":"m","params":[1]},"type":"json"}]})",
                   R"({"ok":true,"outputs":[{"data":{"id":"","method":"","params":{}},"type":"json"}]})"}},
-        LoopCase{"StopFailure", {{{"method", "abort"}}}, false, 1, {R"({"ok":true})"}},
-        LoopCase{"StandardException", {{{"method", "throw"}}, {{"method", "m"}}}, false, 1, {kInternal}},
-        LoopCase{"OtherException", {{{"method", "throw_int"}}}, false, 1, {kInternal}},
-        LoopCase{"ParamsNullStays", {{{"method", "m"}, {"params", nullptr}}}, false, 0,
+        LoopCase{"StopFailure", {{{"method", "abort"}}}, {}, 1, {R"({"ok":true})"}},
+        LoopCase{"StandardException", {{{"method", "throw"}}, {{"method", "m"}}}, {}, 1, {kInternal}},
+        LoopCase{"OtherException", {{{"method", "throw_int"}}}, {}, 1, {kInternal}},
+        LoopCase{"ParamsNullStays", {{{"method", "m"}, {"params", nullptr}}}, {}, 0,
                  {R"({"ok":true,"outputs":[{"data":{"id":"","method":"m","params":null},"type":"json"}]})"}},
         LoopCase{"FailureGoesOn",
                  {{{"method", "fail"}}, {{"method", "fail_bare"}}},
-                 false,
+                 {},
                  0,
-                 {R"({"error":{"category":7,"code":1,"message":"bad"},"ok":false})", R"({"ok":false})"}}),
+                 {kBad, R"({"ok":false})"}},
+        // A response refused by its size is answered with the refusal, and the loop goes on or
+        // stops as the request asked; a write that failed ends it, as does a failed answer.
+        LoopCase{"OverBudgetIsAnsweredAndGoesOn", {{{"method", "m"}}, {{"method", "fail"}}}, {kOverBudget}, 0,
+                 {kEchoM, kBudgetAnswer, kBad}},
+        LoopCase{"OverFrameLimitIsAnsweredAndGoesOn", {{{"method", "m"}}, {{"method", "fail"}}}, {kOverFrame}, 0,
+                 {kEchoM, kFrameAnswer, kBad}},
+        LoopCase{"RefusedStopStillStops", {{{"method", "stop"}}, {{"method", "m"}}}, {kOverBudget}, 0,
+                 {R"({"ok":true})", kBudgetAnswer}},
+        LoopCase{"BrokenPipeEndsWithThree", {{{"method", "m"}}, {{"method", "m"}}}, {kBrokenPipe}, 3, {kEchoM}},
+        LoopCase{"FailedAnswerToARefusalEndsWithThree", {{{"method", "m"}}, {{"method", "m"}}},
+                 {kOverBudget, kBrokenPipe}, 3, {kEchoM, kBudgetAnswer}},
+        // The reason decides, not the text.
+        LoopCase{"RefusalTextWithoutItsReasonEndsWithThree", {{{"method", "m"}}, {{"method", "m"}}},
+                 {CommandResult::Failure(3, 0, "response exceeds the IPC payload budget")}, 3, {kEchoM}}),
     [](const auto& info) { return std::string(info.param.name); });
 
 TEST(RunLoopDispatch, EmptyDispatchCountsAsException) {
@@ -115,6 +146,23 @@ TEST(ResponseEnvelope, OutputShapesPrintWithSortedKeys) {
             R"({"ok":true,"outputs":[{"type":"t"},{"text":"hello","type":"t"},{"data":"abc","mime_type":"text/plain","type":"t"}]})");
   result.outputs->clear();
   EXPECT_EQ(BuildResponseEnvelope(result).dump(), R"({"ok":true})");
+}
+
+TEST(ResponseEnvelope, LongMessageKeepsItsHeadAndWholeCharacters) {
+  const std::string x(4093, 'x');
+  const std::pair<std::string, std::string> rows[] = {
+      {x + "abc", x + "abc"},
+      {x + "abcd", x + "abc... [1 bytes cut]"},
+      {x + "\xE2\x82\xAC" + "y", x + "\xE2\x82\xAC... [1 bytes cut]"},
+      {x + "a\xE2\x82\xAC", x + "a... [3 bytes cut]"},
+      {x + "\xF0\x9F\x98\x80", x + "... [4 bytes cut]"},
+      {"HEAD: " + std::string(10000000, '/'), "HEAD: " + std::string(4090, '/') + "... [9995910 bytes cut]"},
+  };
+  for (const auto& [message, expected] : rows) {
+    const json envelope = BuildResponseEnvelope(CommandResult::Failure(7, 1, message));
+    ASSERT_LE(envelope["error"].value("message", std::string()).size(), expected.size()) << "not cut";
+    EXPECT_EQ(envelope, json({{"error", {{"category", 7}, {"code", 1}, {"message", expected}}}, {"ok", false}}));
+  }
 }
 
 }  // namespace

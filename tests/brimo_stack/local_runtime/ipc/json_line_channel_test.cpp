@@ -170,13 +170,19 @@ TEST(JsonLineChannelWrite, FailuresAndLimits) {
     int category;
     int code;
     std::string message;
+    FailureReason reason;
   };
   const std::string quotes(10000000, '"');
+  // Only a refusal by size tells the loop that nothing was written and a failure may follow.
   const Row rows[] = {
-      {"broken pipe", "x", EPIPE, false, 6, EPIPE, "write host IPC response failed: Broken pipe"},
-      {"zero bytes", "x", 0, true, 6, EIO, "write host IPC response failed: Input/output error"},
-      {"budget", std::string(16711679, 'a'), 0, false, 3, 0, "response exceeds the IPC payload budget"},
-      {"escaped size", quotes, 0, false, 3, 0, "response exceeds the 16 MiB IPC frame limit"},
+      {"broken pipe", "x", EPIPE, false, 6, EPIPE, "write host IPC response failed: Broken pipe",
+       FailureReason::kUnspecified},
+      {"zero bytes", "x", 0, true, 6, EIO, "write host IPC response failed: Input/output error",
+       FailureReason::kUnspecified},
+      {"budget", std::string(16711679, 'a'), 0, false, 3, 0, "response exceeds the IPC payload budget",
+       FailureReason::kResponseTooLarge},
+      {"escaped size", quotes, 0, false, 3, 0, "response exceeds the 16 MiB IPC frame limit",
+       FailureReason::kResponseTooLarge},
   };
   for (const Row& row : rows) {
     Fixture f({});
@@ -187,6 +193,7 @@ TEST(JsonLineChannelWrite, FailuresAndLimits) {
     EXPECT_EQ(result.error->category, row.category) << row.name;
     EXPECT_EQ(result.error->code, row.code) << row.name;
     EXPECT_EQ(result.error->message, row.message) << row.name;
+    EXPECT_EQ(result.error->reason, row.reason) << row.name;
     EXPECT_EQ(f.streams->written, "") << row.name;
   }
 }
