@@ -129,7 +129,9 @@ CommandResult EditNotebookText(std::string_view text, const FileNotebookEditRequ
   if (text.starts_with(kByteOrderMark)) {
     text.remove_prefix(kByteOrderMark.size());
   }
-  if (NestsDeeperThan(text, kMaxNotebookDepth)) {
+  // No JSON text holds a raw NUL, and the parser would take one for the end of the input:
+  // the rewrite would silently drop everything behind it.
+  if (NestsDeeperThan(text, kMaxNotebookDepth) || text.find('\0') != std::string_view::npos) {
     return Refuse("INVALID_NOTEBOOK_JSON: failed to parse notebook JSON");
   }
   nlohmann::json document =

@@ -12,7 +12,7 @@ namespace {
 using std::filesystem::file_type;
 
 CommandResult RefuseNulByte() {
-  return MakeFileError(FileErrorKind::kInvalidFilePath, kCategoryRefused, 1, "path contains a NUL character");
+  return MakeFileError(FileErrorKind::kInvalidFilePath, kCategoryRefused, 1, kNulInPathMessage);
 }
 
 CommandResult NotFound(const std::filesystem::path& logical) {
@@ -22,7 +22,7 @@ CommandResult NotFound(const std::filesystem::path& logical) {
 }  // namespace
 
 CommandResult ResolveRequestPath(std::string_view base_cwd, std::string_view path, std::filesystem::path& logical) {
-  if (base_cwd.find('\0') != std::string_view::npos || path.find('\0') != std::string_view::npos) {
+  if (AnyPathHasNul({base_cwd, path})) {
     return RefuseNulByte();
   }
   // Throws only when the current directory can't be read; the endpoint owns that case.

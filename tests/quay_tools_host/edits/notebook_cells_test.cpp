@@ -52,6 +52,9 @@ INSTANTIATE_TEST_SUITE_P(
                     "INVALID_NOTEBOOK_JSON: failed to parse notebook JSON", 1},
         RefusalCase{"comment", "{/* c */\"cells\":[]}", Request({}, "a", "s"),
                     "INVALID_NOTEBOOK_JSON: failed to parse notebook JSON", 1},
+        // The parser would stop at the NUL, and the rewrite would drop what follows it.
+        RefusalCase{"bytes_after_nul", std::string(kTwoCells) + std::string("\0tail", 5), Request({}, "c1", "s"),
+                    "INVALID_NOTEBOOK_JSON: failed to parse notebook JSON", 1},
         RefusalCase{"no_cells", "{}", Request("bogus", {}, {}),
                     "INVALID_NOTEBOOK_CELLS: notebook file must contain a cells array", 1},
         RefusalCase{"cells_object", R"({"cells":{}})", Request({}, "a", "s"),
