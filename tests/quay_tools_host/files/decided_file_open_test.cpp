@@ -74,7 +74,11 @@ TEST_P(DecidedFileOpen, NeverReadsThroughASwappedLink) {
   int inside = 0;
   int escaped = 0;
   int refused = 0;
-  for (int read = 0; read < kReads; ++read) {
+  // On a busy machine the swapper may sleep through a whole run of reads, so the run goes on
+  // (for a bounded time) until both sides of the race were seen.
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+  for (int read = 0; read < kReads || ((inside == 0 || refused == 0) && std::chrono::steady_clock::now() < deadline);
+       ++read) {
     std::string got;
     const CommandResult result = GetParam().read(root / "work/secret.txt", root / "scratch/copy.txt", got);
     if (!result.ok) {
