@@ -10,9 +10,11 @@
 
 namespace quay_test {
 
-TempDir::TempDir() {
-  const char* base = std::getenv("TMPDIR");
-  std::string pattern = std::string(base != nullptr && *base != '\0' ? base : "/tmp") + "/quay_test_XXXXXX";
+TempDir::TempDir(const std::filesystem::path& base) {
+  const char* tmpdir = std::getenv("TMPDIR");
+  const std::string parent =
+      !base.empty() ? base.native() : (tmpdir != nullptr && *tmpdir != '\0' ? tmpdir : "/tmp");
+  std::string pattern = parent + "/quay_test_XXXXXX";
   if (::mkdtemp(pattern.data()) == nullptr) {
     throw std::runtime_error("mkdtemp failed");
   }

@@ -10,7 +10,8 @@ namespace quay_test {
 
 class TempDir {
  public:
-  TempDir();
+  // Below `base`, or below $TMPDIR (else /tmp) when `base` is empty.
+  explicit TempDir(const std::filesystem::path& base = {});
   ~TempDir();
   TempDir(const TempDir&) = delete;
   TempDir& operator=(const TempDir&) = delete;
