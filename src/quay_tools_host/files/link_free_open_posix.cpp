@@ -40,14 +40,21 @@ int LinkAwareError(int dir_fd, const char* name, int error) {
   return error;
 }
 
+}  // namespace
+
 // RESOLVE_NO_SYMLINKS by hand: every directory on the way, then the last component, opened
 // with O_NOFOLLOW from the one above it.
-int OpenByComponents(int anchor_fd, const std::filesystem::path& relative, int flags) {
+int OpenWithoutLinksByComponents(int anchor_fd, const std::filesystem::path& relative, int flags) {
   ScopedFd current(OpenAt(anchor_fd, ".", O_PATH | O_DIRECTORY | O_CLOEXEC));
   std::filesystem::path pending;
   for (const std::filesystem::path& component : relative) {
     if (component.empty() || component == ".") {
       continue;
+    }
+    if (component == "..") {
+      // Decided paths are normalised, so a step up can only be an escape from the anchor.
+      errno = EXDEV;
+      return -1;
     }
     if (!current.valid()) {
       return -1;
@@ -73,13 +80,11 @@ int OpenByComponents(int anchor_fd, const std::filesystem::path& relative, int f
   return fd;
 }
 
-}  // namespace
-
 int OpenWithoutLinks(int anchor_fd, const std::filesystem::path& relative, int flags, uint64_t resolve) {
   const int fd = OpenAt2(anchor_fd, relative.c_str(), flags, resolve | RESOLVE_NO_SYMLINKS);
   if (fd < 0 && (errno == ENOSYS || errno == EPERM)) {
     // No openat2 here (an old kernel or a filter that refuses it).
-    return OpenByComponents(anchor_fd, relative, flags);
+    return OpenWithoutLinksByComponents(anchor_fd, relative, flags);
   }
   return fd;
 }

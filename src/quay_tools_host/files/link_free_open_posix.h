@@ -17,6 +17,10 @@ namespace brimo_stack::quay_tools_host::internal {
 [[nodiscard]] int OpenWithoutLinks(int anchor_fd, const std::filesystem::path& relative, int flags,
                                    uint64_t resolve = 0);
 
+// The fallback of OpenWithoutLinks, by hand, for kernels without openat2; a ".." component is
+// EXDEV. Open to tests, which hold it to the same answers as openat2.
+[[nodiscard]] int OpenWithoutLinksByComponents(int anchor_fd, const std::filesystem::path& relative, int flags);
+
 // Opens the file at `real`, the real path a policy decided on, and proves the descriptor: no
 // link on the way and the system names the open file `real`. A link or a rename slipped in
 // since the decision is "file changed while it was being read"; other failures are `stage`'s.

@@ -12,6 +12,7 @@
 #include <thread>
 
 #include "quay_tools_host/files/file_read_primitives.h"
+#include "quay_tools_host/files/link_free_open_posix.h"
 #include "quay_tools_host/writes/atomic_file_writer.h"
 #include "support/temp_dir.h"
 
@@ -108,6 +109,41 @@ TEST(DecidedFileOpen, CopyTakesNoMoreThanTheReportedSize) {
   ASSERT_TRUE(CopyFileAtomically(status, dir.path() / "copy", FileErrorKind::kExportFileFailed, written).ok);
   EXPECT_EQ(written, 0u);
   EXPECT_EQ(quay_test::ReadWholeFile(dir.path() / "copy"), "");
+}
+
+// Kernels without openat2 take the walk by hand: it must answer as openat2 does, on every
+// kind of path, and refuse a step up that openat2 would only refuse beneath an anchor.
+TEST(OpenWithoutLinks, WalkByHandAnswersAsOpenat2) {
+  quay_test::TempDir dir;
+  const fs::path root = fs::canonical(dir.path());
+  dir.WriteFile("real/file", "x");
+  fs::create_directory_symlink(root / "real", root / "dirlink");
+  fs::create_symlink(root / "real/file", root / "real/filelink");
+  const struct {
+    fs::path path;
+    int flags;
+    int error;  // 0: opens
+  } cases[] = {
+      {root / "real/file", O_RDONLY, 0},
+      {root / "real", O_RDONLY | O_DIRECTORY, 0},
+      {root / "dirlink/file", O_RDONLY, ELOOP},
+      {root / "real/filelink", O_RDONLY, ELOOP},
+      {root / "dirlink", O_RDONLY | O_DIRECTORY, ELOOP},
+      {root / "real/missing", O_RDONLY, ENOENT},
+      {root / "real/file/below", O_RDONLY, ENOTDIR},
+  };
+  for (const auto& c : cases) {
+    for (const bool by_hand : {false, true}) {
+      errno = 0;
+      const int fd = by_hand ? OpenWithoutLinksByComponents(AT_FDCWD, c.path, c.flags | O_CLOEXEC)
+                             : OpenWithoutLinks(AT_FDCWD, c.path, c.flags | O_CLOEXEC);
+      EXPECT_EQ(fd >= 0 ? 0 : errno, c.error) << c.path << (by_hand ? " by hand" : " openat2");
+      if (fd >= 0) ::close(fd);
+    }
+  }
+  errno = 0;
+  EXPECT_EQ(OpenWithoutLinksByComponents(AT_FDCWD, root / "real/../real/file", O_RDONLY), -1);
+  EXPECT_EQ(errno, EXDEV);
 }
 
 }  // namespace
