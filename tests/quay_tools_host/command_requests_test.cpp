@@ -74,8 +74,6 @@ TEST(RequestDefaults, NullAndEmptyObjectGiveDefaults) {
     FileGlobRequest glob;
     ASSERT_TRUE(ParseRequest(params, glob).ok);
     EXPECT_EQ(glob.max_depth, 10u);
-    EXPECT_EQ(glob.max_results, UINT64_MAX);
-    EXPECT_EQ(glob.timeout_ms, 300000u);
   }
 }
 
