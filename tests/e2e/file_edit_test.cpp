@@ -55,7 +55,6 @@ TEST_F(FileEditE2eTest, EveryRefusalHasItsMessageAndLeavesTheFileAlone) {
   dir_.WriteFile("ro.txt", "dup");
   ASSERT_EQ(::chmod((root_ / "ro.txt").c_str(), 0444), 0);
   fs::create_directory(root_ / "dir");
-  const std::string big = (root_ / "big.txt").string();
   fs::resize_file(dir_.WriteFile("big.txt", ""), 67108865);
   struct Row {
     json params;
@@ -65,19 +64,18 @@ TEST_F(FileEditE2eTest, EveryRefusalHasItsMessageAndLeavesTheFileAlone) {
   const Row rows[] = {
       {{{"old_content", ""}}, 1, "INVALID_OLD_STRING: old_content is empty"},
       {{{"path", ""}, {"old_content", "a"}}, 1, "INVALID_FILE_PATH: path is empty"},
-      {{{"path", (root_ / "none").string()}, {"old_content", "a"}}, 1001,
-       "FILE_NOT_FOUND: file not found: " + (root_ / "none").string()},
-      {{{"path", (root_ / "dir").string()}, {"old_content", "a"}}, 1,
-       "INVALID_FILE_PATH: path is not a regular file: " + (root_ / "dir").string()},
+      {{{"path", P("none")}, {"old_content", "a"}}, 1001, "FILE_NOT_FOUND: file not found: " + P("none")},
+      {{{"path", P("dir")}, {"old_content", "a"}}, 1, "INVALID_FILE_PATH: path is not a regular file: " + P("dir")},
       {{{"old_content", "a"}, {"policy", {{"whitelist_patterns", {"/nowhere/*"}}}}}, 1002,
        "PERMISSION_DENIED: FILE_ACCESS_DENIED: did not match any whitelist pattern"},
-      {{{"path", big}, {"old_content", "a"}}, 0, "FILE_TOO_LARGE: editable file exceeds 67108864 bytes: " + big},
-      {{{"path", (root_ / "bad.txt").string()}, {"old_content", "a"}}, 0,
-       "UNSUPPORTED_ENCODING: file is not valid UTF-8: " + (root_ / "bad.txt").string()},
+      {{{"path", P("big.txt")}, {"old_content", "a"}}, 0,
+       "FILE_TOO_LARGE: editable file exceeds 67108864 bytes: " + P("big.txt")},
+      {{{"path", P("bad.txt")}, {"old_content", "a"}}, 0,
+       "UNSUPPORTED_ENCODING: file is not valid UTF-8: " + P("bad.txt")},
       {{{"old_content", "     1\t"}}, 1, "INVALID_OLD_STRING: old_content is empty after removing read line numbers"},
       {{{"old_content", "zzz"}}, 1003, "OLD_STRING_NOT_FOUND: old_content not found"},
       {{{"old_content", "dup"}}, 1004, "OLD_STRING_NOT_UNIQUE: old_content appears more than once"},
-      {{{"path", (root_ / "ro.txt").string()}, {"old_content", "dup"}}, 1002,
+      {{{"path", P("ro.txt")}, {"old_content", "dup"}}, 1002,
        "PERMISSION_DENIED: FILE_ACCESS_DENIED: target file is read-only"},
   };
   for (const Row& row : rows) {

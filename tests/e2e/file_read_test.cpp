@@ -42,8 +42,8 @@ TEST_F(FileReadE2eTest, AnswersNumberedLines) {
 TEST_F(FileReadE2eTest, EmptyAnswersThatNeverOpenOrDecodeTheFile) {
   dir_.WriteFile("empty", "");
   dir_.WriteFile("bad", "\xFF\xFE\n");
-  EXPECT_EQ(ContentOf(Read({{"path", (root_ / "empty").native()}, {"offset", 7}})), "");
-  EXPECT_EQ(ContentOf(Read({{"path", (root_ / "bad").native()}, {"limit", 0}})), "");
+  EXPECT_EQ(ContentOf(Read({{"path", P("empty")}, {"offset", 7}})), "");
+  EXPECT_EQ(ContentOf(Read({{"path", P("bad")}, {"limit", 0}})), "");
   // /proc files are regular and claim size 0.
   EXPECT_EQ(ContentOf(Read({{"path", "/proc/self/status"}})), "");
 }
@@ -86,11 +86,11 @@ TEST_F(FileReadE2eTest, LargestAnswerFitsItsFrameAndOneBeyondIsRefused) {
   constexpr size_t kReadBudget = 16'711'614;
   constexpr size_t kPrefixCost = 8;  // "     1\t", its tab escaped
   dir_.WriteFile("largest.txt", std::string(kReadBudget - kPrefixCost, 'x'));
-  const std::string largest = ContentOf(Read({{"path", (root_ / "largest.txt").native()}}));
+  const std::string largest = ContentOf(Read({{"path", P("largest.txt")}}));
   EXPECT_EQ(largest.size(), kReadBudget - 1);
   for (const size_t cost : {kReadBudget + 1, size_t{0xFF0000}}) {
     dir_.WriteFile("beyond.txt", std::string(cost - kPrefixCost, 'x'));
-    EXPECT_EQ(Refusal({{"path", (root_ / "beyond.txt").native()}}, 7, 0), "file read exceeds the IPC response limit")
+    EXPECT_EQ(Refusal({{"path", P("beyond.txt")}}, 7, 0), "file read exceeds the IPC response limit")
         << cost;
   }
   EXPECT_TRUE(Call("ping", json::object()).value("ok", false));
@@ -108,13 +108,11 @@ TEST_F(FileReadE2eTest, NamesThatAreNotUtf8) {
   dir_.WriteFile(name, "bytes\n");
   // JSON can't carry the raw name; the host sees it only in a listing, so ask through a link.
   fs::create_symlink(root_ / name, root_ / "link.txt");
-  const json answer = Read({{"path", (root_ / "link.txt").native()},
-                            {"policy", {{"whitelist_patterns", {root_.native() + "/*"}}}}});
-  EXPECT_EQ(ContentOf(answer), "     1\tbytes\n");
+  EXPECT_EQ(ContentOf(Read({{"path", P("link.txt")}, {"policy", {{"whitelist_patterns", {P("*")}}}}})),
+            "     1\tbytes\n");
   // Blacklisting the real name by its bytes (the message goes out with replacement characters).
   const std::string message =
-      Refusal({{"path", (root_ / "link.txt").native()},
-               {"policy", {{"blacklist_patterns", {root_.native() + "/n?*"}}}}}, 7, 1);
+      Refusal({{"path", P("link.txt")}, {"policy", {{"blacklist_patterns", {P("n?*")}}}}}, 7, 1);
   EXPECT_TRUE(message.starts_with("FILE_ACCESS_DENIED: matched blacklist pattern: ")) << message;
 }
 
@@ -125,13 +123,13 @@ TEST_F(FileReadE2eTest, LinkIsFollowedOnlyWhenBothPathsPass) {
   fs::create_symlink(root_ / "allowed/inside.txt", root_ / "allowed/alias");
   fs::create_symlink(root_ / "allowed/inside.txt", root_ / "outside/way_in");
   const json policy = {{"whitelist_patterns", {root_.native() + "/allowed/*"}}};
-  EXPECT_EQ(ContentOf(Read({{"path", (root_ / "allowed/alias").native()}, {"policy", policy}})), "     1\tin\n");
+  EXPECT_EQ(ContentOf(Read({{"path", P("allowed/alias")}, {"policy", policy}})), "     1\tin\n");
   for (const char* refused : {"allowed/escape", "outside/way_in"}) {
-    EXPECT_EQ(Refusal({{"path", (root_ / refused).native()}, {"policy", policy}}, 7, 1),
+    EXPECT_EQ(Refusal({{"path", P(refused)}, {"policy", policy}}, 7, 1),
               "FILE_ACCESS_DENIED: did not match any whitelist pattern");
   }
   const json deny_outside = {{"blacklist_patterns", {root_.native() + "/outside/*"}}};
-  EXPECT_EQ(Refusal({{"path", (root_ / "allowed/escape").native()}, {"policy", deny_outside}}, 7, 1),
+  EXPECT_EQ(Refusal({{"path", P("allowed/escape")}, {"policy", deny_outside}}, 7, 1),
             "FILE_ACCESS_DENIED: matched blacklist pattern: " + root_.native() + "/outside/*");
 }
 
