@@ -171,9 +171,33 @@ CommandResult PreservePermissionsAt(const WriteDirectory& directory, const std::
   return CommandResult::Success();
 }
 
+// A FIFO, a socket or a device at the target is a channel, not content to be replaced: the
+// rename would put a plain file where something else listens. A directory is left to the
+// rename, which refuses it.
+bool IsSpecialFile(mode_t mode) { return S_ISFIFO(mode) || S_ISSOCK(mode) || S_ISCHR(mode) || S_ISBLK(mode); }
+
+CommandResult SpecialTargetRefusal(const std::filesystem::path& target, FileErrorKind kind) {
+  return MakeFileError(PathWalkWordsFor(kind).refusal_kind, kCategoryRefused, 1,
+                       "path is not a regular file: " + target.string());
+}
+
+// Checked before the temporary is written, so that such a request costs nothing; the commit
+// looks again before its rename. No rename can be made conditional on what it replaces, so a
+// FIFO swapped in after that look is replaced; whoever can swap it in could remove it as well.
+CommandResult RefuseSpecialTarget(const WriteDirectory& directory, const std::filesystem::path& target,
+                                  FileErrorKind kind) {
+  struct stat info {};
+  const std::string name = EntryNameOf(target);
+  if (::fstatat(directory.fd(), name.c_str(), &info, AT_SYMLINK_NOFOLLOW) == 0 && IsSpecialFile(info.st_mode)) {
+    return SpecialTargetRefusal(target, kind);
+  }
+  return CommandResult::Success();
+}
+
 // Gives the temporary file the target's permissions (or a new file's) and renames it into place.
 CommandResult CommitTempFileAt(const WriteDirectory& directory, const std::string& temp_name,
-                               const std::string& target_name, FileErrorKind kind) {
+                               const std::filesystem::path& target, FileErrorKind kind) {
+  const std::string target_name = EntryNameOf(target);
   struct stat target_info {};
   const bool exists = ::fstatat(directory.fd(), target_name.c_str(), &target_info, AT_SYMLINK_NOFOLLOW) == 0;
   const int inspect_error = exists ? 0 : errno;
@@ -191,6 +215,8 @@ CommandResult CommitTempFileAt(const WriteDirectory& directory, const std::strin
     mode = MoveFileMode::kCreate;
   } else if (!exists) {
     prepared = StageError(kind, "inspect target file", inspect_error);
+  } else if (IsSpecialFile(target_info.st_mode)) {
+    prepared = SpecialTargetRefusal(target, kind);
   } else if ((target_info.st_mode & 0222) == 0) {
     prepared = MakeFileError(kind, kCategorySystem, EACCES, "target file is read-only");
   } else {
@@ -233,23 +259,6 @@ CommandResult FinishTemp(const WriteDirectory& directory, const std::string& tem
   return filled;
 }
 
-// A FIFO, a socket or a device at the target is a channel, not content to be replaced: the
-// rename would put a plain file where something else listens. A directory is left to the
-// rename, which refuses it.
-CommandResult RefuseSpecialTarget(const WriteDirectory& directory, const std::filesystem::path& target,
-                                  FileErrorKind kind) {
-  struct stat info {};
-  const std::string name = EntryNameOf(target);
-  if (::fstatat(directory.fd(), name.c_str(), &info, AT_SYMLINK_NOFOLLOW) != 0) {
-    return CommandResult::Success();
-  }
-  if (S_ISFIFO(info.st_mode) || S_ISSOCK(info.st_mode) || S_ISCHR(info.st_mode) || S_ISBLK(info.st_mode)) {
-    return MakeFileError(PathWalkWordsFor(kind).refusal_kind, kCategoryRefused, 1,
-                         "path is not a regular file: " + target.string());
-  }
-  return CommandResult::Success();
-}
-
 // Opens the target's directory without links, creates the temporary there, lets `fill` write
 // it, then flushes, closes and commits it. Every failure removes the temporary.
 template <typename Fill>
@@ -275,7 +284,7 @@ CommandResult ReplaceThroughTemp(const std::filesystem::path& temp, const std::f
   if (!step.ok) {
     return step;
   }
-  return CommitTempFileAt(directory, temp_name, EntryNameOf(target), kind);
+  return CommitTempFileAt(directory, temp_name, target, kind);
 }
 
 }  // namespace
