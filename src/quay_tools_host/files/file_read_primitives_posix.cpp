@@ -42,6 +42,11 @@ uint64_t ChangeTimeOf(const struct stat& info) {
          static_cast<uint64_t>(info.st_ctim.tv_nsec);
 }
 
+FileSnapshot SnapshotOf(const struct stat& info) {
+  return FileSnapshot{static_cast<uint64_t>(info.st_size), static_cast<uint64_t>(info.st_mtim.tv_sec) * kTicksPerSecond,
+                      static_cast<uint64_t>(info.st_dev), static_cast<uint64_t>(info.st_ino), ChangeTimeOf(info)};
+}
+
 uint64_t CoarseNowNs() {
   timespec now{};
   ::clock_gettime(CLOCK_REALTIME_COARSE, &now);
@@ -122,21 +127,14 @@ CommandResult ReadFileIdentity(const std::filesystem::path& path, FileIdentity& 
 }
 
 CommandResult TakeFileSnapshot(const std::filesystem::path& path, FileSnapshot& snapshot) {
-  // One stat gives size and modification time together, so the "get file modification
-  // time" stage of the two-call platforms has no failure of its own here.
+  // One stat gives size, time and identity together, all of one state of one file, so the
+  // "get file modification time" stage of the two-call platforms has no failure here.
   struct stat info {};
   if (::stat(path.c_str(), &info) != 0) {
     return MakeFileErrorFromErrorCode(FileErrorKind::kReadFileFailed, "get file size",
                                       std::error_code(errno, std::generic_category()));
   }
-  FileIdentity identity;
-  CommandResult identified = ReadFileIdentity(path, identity);
-  if (!identified.ok) return identified;
-  snapshot.size = static_cast<uint64_t>(info.st_size);
-  snapshot.modified = static_cast<uint64_t>(info.st_mtim.tv_sec) * kTicksPerSecond;
-  snapshot.volume_serial = identity.volume_serial;
-  snapshot.file_index = identity.file_index;
-  snapshot.change_time = identity.change_time;
+  snapshot = SnapshotOf(info);
   return CommandResult::Success();
 }
 
@@ -144,12 +142,8 @@ CommandResult CheckOpenedFileIsTheSnapshot(const CachedReadFile& file, const Fil
   const CommandResult changed = FileChangedFailure();
   struct stat info {};
   if (!file.is_open() || ::fstat(DescriptorOf(file), &info) != 0) return changed;
-  const FileSnapshot opened{static_cast<uint64_t>(info.st_size),
-                            static_cast<uint64_t>(info.st_mtim.tv_sec) * kTicksPerSecond,
-                            static_cast<uint64_t>(info.st_dev), static_cast<uint64_t>(info.st_ino),
-                            ChangeTimeOf(info)};
   // The open itself proved the descriptor to be the file at `file.path`.
-  return opened == snapshot ? CommandResult::Success() : changed;
+  return SnapshotOf(info) == snapshot ? CommandResult::Success() : changed;
 }
 
 void WaitUntilChangeTimeIsPast(const FileSnapshot& snapshot) {
