@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 
+#include <algorithm>
 #include <chrono>
 #include <filesystem>
 #include <random>
@@ -38,34 +39,41 @@ TEST(AtomicWriteCrash, TargetIsAlwaysOldOrNewWhole) {
   const fs::path target = fs::canonical(dir.path()) / "big.txt";
   dir.WriteFile("big.txt", Generation(0));
 
-  // One undisturbed write tells how long the window is on this machine.
-  const auto start = std::chrono::steady_clock::now();
-  {
+  // A fresh host's time from request to answer is the window a kill can land in.
+  std::chrono::microseconds window{0};
+  for (int sample = 0; sample < 3; ++sample) {
     HostProcess host = HostProcess::WithConfig();
-    const json answer =
-        host.Call({{"method", "file_write"}, {"params", {{"path", target.string()}, {"content", Generation(1)}}}});
-    ASSERT_TRUE(answer.value("ok", false)) << answer.dump();
+    const auto start = std::chrono::steady_clock::now();
+    ASSERT_TRUE(host.Write(WriteLine(target, 1)));
+    const auto answer = host.ReadLine();
+    ASSERT_TRUE(answer.has_value() && json::parse(*answer).value("ok", false));
+    window = std::max(window, std::chrono::duration_cast<std::chrono::microseconds>(
+                                  std::chrono::steady_clock::now() - start));
   }
-  const auto window = std::chrono::duration_cast<std::chrono::microseconds>(std::chrono::steady_clock::now() - start);
   std::string current = Generation(1);
 
+  // The upper bound of the delay walks towards the edge of the window: shorter after a
+  // replacement, longer after a kill that came first, so that a loaded machine still sees both.
   std::mt19937 random(std::random_device{}());
-  std::uniform_int_distribution<int64_t> delay(0, std::max<int64_t>(window.count(), 1000));
+  double upper = std::max<double>(static_cast<double>(window.count()), 1000.0);
   int replaced = 0;
   for (int run = 2; run < kRuns + 2; ++run) {
     HostProcess host = HostProcess::WithConfig();
     const std::string line = WriteLine(target, run);
     ASSERT_TRUE(host.Write(line));
-    std::this_thread::sleep_for(std::chrono::microseconds(delay(random)));
+    std::uniform_real_distribution<double> delay(0.0, upper);
+    std::this_thread::sleep_for(std::chrono::microseconds(static_cast<int64_t>(delay(random))));
     ::kill(host.pid(), SIGKILL);
     host.Wait();
     const std::string now = ReadWholeFile(target);
     if (now == Generation(run)) {
       current = now;
       ++replaced;
+      upper *= 0.8;
     } else {
       ASSERT_EQ(now.size(), current.size()) << "run " << run;
       ASSERT_TRUE(now == current) << "run " << run << ": torn file, header " << now.substr(0, now.find('\n'));
+      upper *= 1.25;
     }
   }
   // Both outcomes must have happened, or the delays missed the window.
