@@ -1,0 +1,156 @@
+// The child's whole tree: Terminate and Kill end every descendant, those that left the group
+// or the session too, the death of the host takes the tree with it, and the counts follow it.
+#include "process_runtime/native_process.h"
+
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <unistd.h>
+
+#include <future>
+#include <sstream>
+
+#include "support/host_process.h"
+#include "support/native_process_helpers.h"
+#include "support/test_child.h"
+
+namespace {
+
+using namespace quay_test;
+using namespace std::chrono_literals;
+using process_runtime::CreateNativeProcess;
+using Clock = std::chrono::steady_clock;
+
+// A descendant that reports its own pid on the inherited stdout and then waits.
+constexpr const char* kReporter = "sh -c 'echo $$; exec sleep 60'";
+
+std::vector<pid_t> ParsePids(const std::string& text) {
+  std::vector<pid_t> pids;
+  std::istringstream lines(text);
+  for (long pid; lines >> pid;) pids.push_back(static_cast<pid_t>(pid));
+  return pids;
+}
+
+// Waits until `out` has shown `count` lines.
+std::vector<pid_t> CollectPids(StreamCollector& out, size_t count) {
+  const auto deadline = Clock::now() + 10s;
+  while (Clock::now() < deadline) {
+    const std::string text = out.Text();
+    if (static_cast<size_t>(std::count(text.begin(), text.end(), '\n')) >= count) return ParsePids(text);
+    std::this_thread::sleep_for(10ms);
+  }
+  ADD_FAILURE() << "descendants did not report: " << out.Text();
+  return {};
+}
+
+// Runs the tree under a NativeProcess, reports the child's pid and the descendants' lines, and
+// stays until killed.
+QUAY_TEST_CHILD(host) {
+  const auto process = CreateNativeProcess();
+  if (!process->Start(ShellOptions(args.at(0))).ok) return 2;
+  std::string report = std::to_string(process->ProcessId()) + "\n";
+  char buffer[256];
+  for (size_t lines = 0; lines < std::stoul(args.at(1));) {
+    process_runtime::OutputRead read;
+    if (!process->ReadStdout(buffer, sizeof buffer, read).ok || read.eof) return 3;
+    report.append(buffer, read.bytes_read);
+    lines = static_cast<size_t>(std::count(report.begin(), report.end(), '\n')) - 1;
+  }
+  if (::write(1, report.data(), report.size()) != static_cast<ssize_t>(report.size())) return 4;
+  ::pause();
+  return 0;
+}
+
+struct TreeCase {
+  const char* name;
+  std::string script;
+  size_t descendants;
+  bool use_kill;
+  // The child itself ends at once and leaves its descendants holding its stdout.
+  bool child_exits;
+};
+
+class ProcessTreeTest : public testing::TestWithParam<TreeCase> {};
+
+TEST_P(ProcessTreeTest, TerminateEndsEveryDescendantAndTheReads) {
+  const TreeCase& c = GetParam();
+  const auto process = CreateNativeProcess();
+  ASSERT_TRUE(process->Start(ShellOptions(c.script)).ok);
+  StreamCollector out(*process, Stream::kStdout);
+  StreamCollector err(*process, Stream::kStderr);
+  const std::vector<pid_t> pids = CollectPids(out, c.descendants);
+  ASSERT_EQ(pids.size(), c.descendants);
+  uint32_t exit_code = 1;
+  std::future<bool> waited;
+  if (c.child_exits) {
+    ASSERT_TRUE(process->Wait(5000, exit_code).ok);
+    EXPECT_EQ(exit_code, 0u);
+  } else {
+    // Another thread waits while the owner ends the tree, as a reader that ends a run does.
+    waited = std::async(std::launch::async, [&] { return process->Wait(10000, exit_code).ok; });
+  }
+  const auto started = Clock::now();
+  c.use_kill ? process->Kill() : process->Terminate();
+  EXPECT_LT(Clock::now() - started, 500ms);
+  EXPECT_TRUE(out.WaitForEnd(2s));
+  EXPECT_TRUE(err.WaitForEnd(2s));
+  if (waited.valid()) {
+    ASSERT_EQ(waited.wait_for(2s), std::future_status::ready);
+    EXPECT_TRUE(waited.get());
+    EXPECT_EQ(exit_code, 137u);
+  }
+  for (const pid_t pid : pids) EXPECT_TRUE(EndsWithin(pid, 2s)) << pid;
+  EXPECT_EQ(ChildrenOfThisProcess(), std::vector<pid_t>{});
+}
+
+const std::string kReporterText = kReporter;
+INSTANTIATE_TEST_SUITE_P(
+    Descendants, ProcessTreeTest,
+    testing::Values(TreeCase{"grandchild", kReporterText + " & exec sleep 60", 1, false, false},
+                    TreeCase{"setsid", "setsid " + kReporterText + " & exec sleep 60", 1, true, false},
+                    TreeCase{"double_fork", "(" + kReporterText + " &); exec sleep 60", 1, false, false},
+                    TreeCase{"nohup", "nohup " + kReporterText + " & exec sleep 60", 1, false, false},
+                    TreeCase{"setsid_double_fork_and_pipe_holder",
+                             "setsid sh -c \"(sh -c 'echo \\$\\$; exec sleep 60' &)\"; " + kReporterText + " & exit 0",
+                             2, false, true}),
+    [](const testing::TestParamInfo<TreeCase>& info) { return std::string(info.param.name); });
+
+TEST(ProcessTree, DeathOfTheHostEndsTheTree) {
+  const std::string script = "setsid " + kReporterText + " & (" + kReporterText + " &); exec sleep 60";
+  HostProcess host(TestChildArguments("host", {script, "2"}), {}, "", false, SelfExecutable());
+  std::vector<pid_t> pids;
+  for (int i = 0; i < 3; ++i) {
+    const auto line = host.ReadLine(10s);
+    ASSERT_TRUE(line.has_value()) << host.Stderr();
+    pids.push_back(static_cast<pid_t>(std::stol(*line)));
+  }
+  for (const pid_t pid : pids) ASSERT_FALSE(EndsWithin(pid, 0ms)) << pid;
+  ASSERT_EQ(::kill(host.pid(), SIGKILL), 0);
+  EXPECT_EQ(host.Wait(5s).signal, SIGKILL);
+  for (const pid_t pid : pids) EXPECT_TRUE(EndsWithin(pid, 2s)) << pid;
+}
+
+TEST(ProcessTree, CountsFollowTheTreeAgainstTheBaseline) {
+  const auto process = CreateNativeProcess();
+  ASSERT_TRUE(process->Start(ShellOptions("read go; sleep 60 & sleep 60 & echo ready; wait")).ok);
+  StreamCollector out(*process, Stream::kStdout);
+  ASSERT_TRUE(process->CaptureBaselineProcesses().ok);
+  process_runtime::ProcessCounts counts;
+  ASSERT_TRUE(process->CountProcesses(counts).ok);
+  EXPECT_EQ(counts.total, 1u);
+  EXPECT_EQ(counts.not_in_baseline, 0u);
+  ASSERT_TRUE(process->WriteStdin("go\n").ok);
+  ASSERT_TRUE(out.WaitForText("ready", 5s));
+  ASSERT_TRUE(process->CountProcesses(counts).ok);
+  EXPECT_EQ(counts.total, 3u);
+  EXPECT_EQ(counts.not_in_baseline, 2u);
+  process->Terminate();
+  uint32_t exit_code = 0;
+  ASSERT_TRUE(process->Wait(5000, exit_code).ok);
+  ASSERT_TRUE(process->CountProcesses(counts).ok);
+  EXPECT_EQ(counts.total, 0u);
+  EXPECT_EQ(counts.not_in_baseline, 0u);
+}
+
+}  // namespace
+
+QUAY_TEST_MAIN_WITH_CHILDREN()
