@@ -19,8 +19,6 @@
 #include "support/temp_dir.h"
 #include "support/test_child.h"
 
-extern char** environ;
-
 namespace {
 
 using namespace quay_test;
@@ -47,6 +45,7 @@ QUAY_TEST_CHILD(describe) {
   nlohmann::json view;
   std::ifstream cmdline("/proc/self/cmdline");
   for (std::string arg; std::getline(cmdline, arg, '\0');) view["argv"].push_back(arg);
+  cmdline.close();
   std::vector<int> fds;
   rlimit limit{};
   ::getrlimit(RLIMIT_NOFILE, &limit);
@@ -69,26 +68,6 @@ QUAY_TEST_CHILD(describe) {
     view["env"][text.substr(0, text.find('='))] = text.substr(text.find('=') + 1);
   }
   std::cout << view.dump() << std::endl;
-  return 0;
-}
-
-QUAY_TEST_CHILD(exit_code) { return std::stoi(args.at(0)); }
-
-QUAY_TEST_CHILD(raise) {
-  ::raise(std::stoi(args.at(0)));
-  return 99;
-}
-
-QUAY_TEST_CHILD(sleep) {
-  std::this_thread::sleep_for(std::chrono::seconds(std::stoi(args.at(0))));
-  return 0;
-}
-
-QUAY_TEST_CHILD(echo) {
-  char buffer[4096];
-  for (ssize_t got; (got = ::read(0, buffer, sizeof buffer)) > 0;) {
-    if (!WriteAll(1, std::string_view(buffer, static_cast<size_t>(got)))) return 1;
-  }
   return 0;
 }
 
@@ -157,7 +136,7 @@ TEST(NativeProcessStart, RefusalsAndFailedExecsLeaveNoChild) {
       ExpectError(process->Wait(1000, exit_code), 3, 0, "wait requested for a process that is not running");
     }
   }
-  EXPECT_EQ(ChildrenOfThisProcess(), std::vector<pid_t>{});
+  EXPECT_FALSE(HasChildren());
 }
 
 TEST(NativeProcessStart, BareNameIsFoundOnPathAndStaysBareInArgv) {
@@ -179,7 +158,8 @@ TEST(NativeProcessStart, ChildSeesOnlyWhatItIsGiven) {
   sigemptyset(&blocked);
   sigaddset(&blocked, SIGUSR1);
   ASSERT_EQ(::pthread_sigmask(SIG_BLOCK, &blocked, &old_mask), 0);
-  struct sigaction ignore {}, old_pipe {};
+  struct sigaction ignore {
+  }, old_pipe{};
   ignore.sa_handler = SIG_IGN;
   ASSERT_EQ(::sigaction(SIGPIPE, &ignore, &old_pipe), 0);
   ASSERT_EQ(::setenv("QUAY_TEST_INHERITED", "yes", 1), 0);
@@ -197,25 +177,29 @@ TEST(NativeProcessStart, ChildSeesOnlyWhatItIsGiven) {
       {{flag, "a", "b c", ""}, {}, 0, "", {self, flag, "a", "b c", ""}, true},
       {{flag, "terminal"}, {flag, "pipe"}, 1, R"({"QUAY_TEST_EXTRA":"x"})", {self, flag, "pipe"}, false},
   };
-  for (const auto& c : cases) {
-    process_runtime::ProcessLaunchOptions options = TestChildOptions("describe");
-    options.arguments = c.arguments;
-    options.pipe_arguments = c.pipe_arguments;
-    options.environment_mode = c.environment_mode;
-    options.base_env = c.base_env;
-    options.cwd = temp.path();
-    const FinishedChild child = RunToEnd(options);
-    ASSERT_EQ(child.exit_code, 0u) << child.err;
-    const nlohmann::json view = nlohmann::json::parse(child.out);
-    EXPECT_EQ(view["argv"].get<std::vector<std::string>>(), c.argv);
-    EXPECT_EQ(view["fds"], nlohmann::json({0, 1, 2}));
-    EXPECT_TRUE(view["empty_mask"]);
-    EXPECT_TRUE(view["sigpipe_default"]);
-    EXPECT_TRUE(view["group_leader"]);
-    EXPECT_EQ(view["cwd"], std::filesystem::canonical(temp.path()).string());
-    EXPECT_EQ(view["env"].contains("QUAY_TEST_INHERITED"), c.inherits);
-    EXPECT_EQ(view["env"].value("QUAY_TEST_EXTRA", ""), c.inherits ? "" : "x");
-    EXPECT_EQ(view["env"].value("PATH", ""), ::getenv("PATH"));
+  for (const auto containment : kAllContainments) {
+    const ScopedContainment scoped(containment);
+    for (const auto& c : cases) {
+      SCOPED_TRACE("containment " + std::to_string(static_cast<int>(containment)));
+      process_runtime::ProcessLaunchOptions options = TestChildOptions("describe");
+      options.arguments = c.arguments;
+      options.pipe_arguments = c.pipe_arguments;
+      options.environment_mode = c.environment_mode;
+      options.base_env = c.base_env;
+      options.cwd = temp.path();
+      const FinishedChild child = RunToEnd(options);
+      ASSERT_EQ(child.exit_code, 0u) << child.err;
+      const nlohmann::json view = nlohmann::json::parse(child.out);
+      EXPECT_EQ(view["argv"].get<std::vector<std::string>>(), c.argv);
+      EXPECT_EQ(view["fds"], nlohmann::json({0, 1, 2}));
+      EXPECT_TRUE(view["empty_mask"]);
+      EXPECT_TRUE(view["sigpipe_default"]);
+      EXPECT_TRUE(view["group_leader"]);
+      EXPECT_EQ(view["cwd"], std::filesystem::canonical(temp.path()).string());
+      EXPECT_EQ(view["env"].contains("QUAY_TEST_INHERITED"), c.inherits);
+      EXPECT_EQ(view["env"].value("QUAY_TEST_EXTRA", ""), c.inherits ? "" : "x");
+      EXPECT_EQ(view["env"].value("PATH", ""), ::getenv("PATH"));
+    }
   }
   ::unsetenv("QUAY_TEST_INHERITED");
   ::sigaction(SIGPIPE, &old_pipe, nullptr);
@@ -224,18 +208,21 @@ TEST(NativeProcessStart, ChildSeesOnlyWhatItIsGiven) {
 
 TEST(NativeProcessWait, ExitCodesAndSignals) {
   const struct {
-    const char* child;
-    const char* arg;
+    const char* script;
     uint32_t exit_code;
-  } cases[] = {{"exit_code", "0", 0}, {"exit_code", "42", 42}, {"raise", "15", 143}, {"raise", "10", 138}};
-  for (const auto& c : cases) {
-    EXPECT_EQ(RunToEnd(TestChildOptions(c.child, {c.arg})).exit_code, c.exit_code) << c.child << " " << c.arg;
+  } cases[] = {{"exit 0", 0}, {"exit 42", 42}, {"kill -TERM $$", 143}, {"kill -USR1 $$", 138}};
+  for (const auto containment : kAllContainments) {
+    const ScopedContainment scoped(containment);
+    for (const auto& c : cases) {
+      EXPECT_EQ(RunToEnd(ShellOptions(c.script)).exit_code, c.exit_code)
+          << c.script << " containment " << static_cast<int>(containment);
+    }
   }
 }
 
 TEST(NativeProcessWait, TimesOutAndAZeroTimeoutWaitsAHundredMilliseconds) {
   const auto process = CreateNativeProcess();
-  ASSERT_TRUE(process->Start(TestChildOptions("sleep", {"30"})).ok);
+  ASSERT_TRUE(process->Start(ShellOptions("exec sleep 30")).ok);
   for (const uint64_t timeout_ms : {0ull, 300ull}) {
     const auto started = Clock::now();
     uint32_t exit_code = 0;
@@ -244,22 +231,19 @@ TEST(NativeProcessWait, TimesOutAndAZeroTimeoutWaitsAHundredMilliseconds) {
     EXPECT_GE(waited, milliseconds(std::max<uint64_t>(timeout_ms, 100) - 5)) << timeout_ms;
     EXPECT_LT(waited, milliseconds(std::max<uint64_t>(timeout_ms, 100) + 1000)) << timeout_ms;
   }
-  process->Terminate();
-  uint32_t exit_code = 0;
-  ASSERT_TRUE(process->Wait(5000, exit_code).ok);
-  EXPECT_EQ(exit_code, 137u);
+  EXPECT_EQ(TerminateAndWait(*process), 137u);
 }
 
 TEST(NativeProcessRead, CancelEndsAnIdleReadAndEveryLaterOne) {
   const auto process = CreateNativeProcess();
-  ASSERT_TRUE(process->Start(TestChildOptions("sleep", {"30"})).ok);
+  ASSERT_TRUE(process->Start(ShellOptions("exec sleep 30")).ok);
   {
     StreamCollector out(*process, Stream::kStdout);
     std::this_thread::sleep_for(200ms);
     EXPECT_FALSE(out.WaitForEnd(0ms));
     process->CancelReads();
     EXPECT_TRUE(out.WaitForEnd(1s));
-    EXPECT_EQ(out.Bytes(), 0u);
+    EXPECT_EQ(out.Text(), "");
   }
   char buffer[16];
   process_runtime::OutputRead read;
@@ -267,15 +251,15 @@ TEST(NativeProcessRead, CancelEndsAnIdleReadAndEveryLaterOne) {
   ASSERT_TRUE(process->ReadStderr(buffer, sizeof buffer, read).ok);
   EXPECT_TRUE(read.eof);
   EXPECT_LT(Clock::now() - started, 1s);
-  process->Terminate();
-  uint32_t exit_code = 0;
-  ASSERT_TRUE(process->Wait(5000, exit_code).ok);
-  EXPECT_EQ(exit_code, 137u);
+  EXPECT_EQ(TerminateAndWait(*process), 137u);
 }
 
 TEST(NativeProcessStdin, EchoedUntilClosedThenRefused) {
   const auto process = CreateNativeProcess();
-  ASSERT_TRUE(process->Start(TestChildOptions("echo")).ok);
+  process_runtime::ProcessLaunchOptions options = ShellOptions("");
+  options.executable = "/bin/cat";
+  options.arguments = {};
+  ASSERT_TRUE(process->Start(options).ok);
   std::string sent = "hello\n";
   // More than a pipe holds, so the write has to wait for the child to take it.
   for (int i = 0; sent.size() < (1 << 20); ++i) sent += std::to_string(i) + "\n";
@@ -287,7 +271,7 @@ TEST(NativeProcessStdin, EchoedUntilClosedThenRefused) {
     process->CloseStdin();
     ExpectError(process->WriteStdin("late\n"), 7, 1, "shell stdin is closed");
     EXPECT_TRUE(out.WaitForEnd(10s));
-    EXPECT_TRUE(out.Text() == sent) << out.Bytes() << " of " << sent.size() << " bytes";
+    EXPECT_TRUE(out.Text() == sent) << out.Text().size() << " of " << sent.size() << " bytes";
   }
   uint32_t exit_code = 1;
   ASSERT_TRUE(process->Wait(5000, exit_code).ok);
@@ -296,14 +280,12 @@ TEST(NativeProcessStdin, EchoedUntilClosedThenRefused) {
 
 TEST(NativeProcessStdin, AChildThatNeverReadsTimesTheWriteOut) {
   const auto process = CreateNativeProcess();
-  ASSERT_TRUE(process->Start(TestChildOptions("sleep", {"30"})).ok);
+  ASSERT_TRUE(process->Start(ShellOptions("exec sleep 30")).ok);
   const auto started = Clock::now();
   ExpectError(process->WriteStdin(std::string(16 << 20, 'x')), 1, 5, "timed out writing shell stdin");
   EXPECT_GE(Clock::now() - started, 4500ms);
   EXPECT_LT(Clock::now() - started, 8s);
-  process->Terminate();
-  uint32_t exit_code = 0;
-  ASSERT_TRUE(process->Wait(5000, exit_code).ok);
+  EXPECT_EQ(TerminateAndWait(*process), 137u);
 }
 
 TEST(NativeProcessRead, FloodOnBothStreamsArrivesWhole) {
@@ -347,7 +329,7 @@ TEST(NativeProcessStart, AThousandLaunchesLeaveNoDescriptorThreadOrChild) {
   for (int i = 1; i < 1000; ++i) ASSERT_TRUE(launch()) << i;
   EXPECT_EQ(CountSelfEntries("fd"), fds);
   EXPECT_EQ(CountSelfEntries("task"), threads);
-  EXPECT_EQ(ChildrenOfThisProcess(), std::vector<pid_t>{});
+  EXPECT_FALSE(HasChildren());
 }
 
 }  // namespace

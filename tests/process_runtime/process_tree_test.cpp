@@ -1,7 +1,5 @@
 // The child's whole tree: Terminate and Kill end every descendant, those that left the group
 // or the session too, the death of the host takes the tree with it, and the counts follow it.
-#include "process_runtime/native_process.h"
-
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <unistd.h>
@@ -9,6 +7,7 @@
 #include <future>
 #include <sstream>
 
+#include "process_runtime/native_process.h"
 #include "support/host_process.h"
 #include "support/native_process_helpers.h"
 #include "support/test_child.h"
@@ -20,31 +19,26 @@ using namespace std::chrono_literals;
 using process_runtime::CreateNativeProcess;
 using Clock = std::chrono::steady_clock;
 
-// A descendant that reports its own pid on the inherited stdout and then waits.
-constexpr const char* kReporter = "sh -c 'echo $$; exec sleep 60'";
+// A descendant that reports its pid on the inherited stdout and then waits. Below a PID namespace
+// $$ is the namespace's number; /proc, opened by the shell itself, gives the host's.
+constexpr const char* kReporter = "sh -c 'read -r pid rest </proc/self/stat; echo $pid; exec sleep 60'";
 
-std::vector<pid_t> ParsePids(const std::string& text) {
-  std::vector<pid_t> pids;
-  std::istringstream lines(text);
-  for (long pid; lines >> pid;) pids.push_back(static_cast<pid_t>(pid));
-  return pids;
-}
-
-// Waits until `out` has shown `count` lines.
+// The pids of the first `count` lines of `out`, once they have arrived.
 std::vector<pid_t> CollectPids(StreamCollector& out, size_t count) {
-  const auto deadline = Clock::now() + 10s;
-  while (Clock::now() < deadline) {
-    const std::string text = out.Text();
-    if (static_cast<size_t>(std::count(text.begin(), text.end(), '\n')) >= count) return ParsePids(text);
-    std::this_thread::sleep_for(10ms);
-  }
-  ADD_FAILURE() << "descendants did not report: " << out.Text();
-  return {};
+  const auto lines = [](const std::string& text) {
+    return static_cast<size_t>(std::count(text.begin(), text.end(), '\n'));
+  };
+  EXPECT_TRUE(out.WaitUntil([&](const std::string& text) { return lines(text) >= count; }, 10s)) << out.Text();
+  std::vector<pid_t> pids;
+  std::istringstream text(out.Text());
+  for (long pid; pids.size() < count && text >> pid;) pids.push_back(static_cast<pid_t>(pid));
+  return pids;
 }
 
 // Runs the tree under a NativeProcess, reports the child's pid and the descendants' lines, and
 // stays until killed.
 QUAY_TEST_CHILD(host) {
+  const ScopedContainment containment(static_cast<Containment>(std::stoi(args.at(2))));
   const auto process = CreateNativeProcess();
   if (!process->Start(ShellOptions(args.at(0))).ok) return 2;
   std::string report = std::to_string(process->ProcessId()) + "\n";
@@ -65,14 +59,15 @@ struct TreeCase {
   std::string script;
   size_t descendants;
   bool use_kill;
-  // The child itself ends at once and leaves its descendants holding its stdout.
+  // The child ends on a line of input and leaves its descendants holding its stdout.
   bool child_exits;
 };
 
-class ProcessTreeTest : public testing::TestWithParam<TreeCase> {};
+class ProcessTreeTest : public testing::TestWithParam<std::tuple<TreeCase, Containment>> {};
 
 TEST_P(ProcessTreeTest, TerminateEndsEveryDescendantAndTheReads) {
-  const TreeCase& c = GetParam();
+  const auto& [c, containment] = GetParam();
+  const ScopedContainment scoped(containment);
   const auto process = CreateNativeProcess();
   ASSERT_TRUE(process->Start(ShellOptions(c.script)).ok);
   StreamCollector out(*process, Stream::kStdout);
@@ -82,6 +77,7 @@ TEST_P(ProcessTreeTest, TerminateEndsEveryDescendantAndTheReads) {
   uint32_t exit_code = 1;
   std::future<bool> waited;
   if (c.child_exits) {
+    ASSERT_TRUE(process->WriteStdin("go\n").ok);
     ASSERT_TRUE(process->Wait(5000, exit_code).ok);
     EXPECT_EQ(exit_code, 0u);
   } else {
@@ -99,37 +95,51 @@ TEST_P(ProcessTreeTest, TerminateEndsEveryDescendantAndTheReads) {
     EXPECT_EQ(exit_code, 137u);
   }
   for (const pid_t pid : pids) EXPECT_TRUE(EndsWithin(pid, 2s)) << pid;
-  EXPECT_EQ(ChildrenOfThisProcess(), std::vector<pid_t>{});
+  EXPECT_FALSE(HasChildren());
 }
 
 const std::string kReporterText = kReporter;
 INSTANTIATE_TEST_SUITE_P(
     Descendants, ProcessTreeTest,
-    testing::Values(TreeCase{"grandchild", kReporterText + " & exec sleep 60", 1, false, false},
-                    TreeCase{"setsid", "setsid " + kReporterText + " & exec sleep 60", 1, true, false},
-                    TreeCase{"double_fork", "(" + kReporterText + " &); exec sleep 60", 1, false, false},
-                    TreeCase{"nohup", "nohup " + kReporterText + " & exec sleep 60", 1, false, false},
-                    TreeCase{"setsid_double_fork_and_pipe_holder",
-                             "setsid sh -c \"(sh -c 'echo \\$\\$; exec sleep 60' &)\"; " + kReporterText + " & exit 0",
-                             2, false, true}),
-    [](const testing::TestParamInfo<TreeCase>& info) { return std::string(info.param.name); });
+    testing::Combine(
+        testing::Values(
+            TreeCase{"grandchild", kReporterText + " & exec sleep 60", 1, false, false},
+            TreeCase{"setsid", "setsid " + kReporterText + " & exec sleep 60", 1, true, false},
+            TreeCase{"double_fork", "(" + kReporterText + " &); exec sleep 60", 1, false, false},
+            TreeCase{"nohup", "nohup " + kReporterText + " & exec sleep 60", 1, false, false},
+            TreeCase{
+                "setsid_double_fork_and_pipe_holder",
+                R"sh(setsid sh -c "(sh -c 'read -r pid rest </proc/self/stat; echo \$pid; exec sleep 60' &)"; )sh" +
+                    kReporterText + " & read go; exit 0",
+                2, false, true}),
+        testing::ValuesIn(kNamespaceContainments)),
+    [](const auto& info) {
+      return std::get<0>(info.param).name + std::to_string(static_cast<int>(std::get<1>(info.param)));
+    });
 
 TEST(ProcessTree, DeathOfTheHostEndsTheTree) {
   const std::string script = "setsid " + kReporterText + " & (" + kReporterText + " &); exec sleep 60";
-  HostProcess host(TestChildArguments("host", {script, "2"}), {}, "", false, SelfExecutable());
-  std::vector<pid_t> pids;
-  for (int i = 0; i < 3; ++i) {
-    const auto line = host.ReadLine(10s);
-    ASSERT_TRUE(line.has_value()) << host.Stderr();
-    pids.push_back(static_cast<pid_t>(std::stol(*line)));
+  for (const auto containment : kNamespaceContainments) {
+    SCOPED_TRACE("containment " + std::to_string(static_cast<int>(containment)));
+    HostProcess host(TestChildArguments("host", {script, "2", std::to_string(static_cast<int>(containment))}), {}, "",
+                     false, SelfExecutable());
+    std::vector<pid_t> pids;
+    for (int i = 0; i < 3; ++i) {
+      const auto line = host.ReadLine(10s);
+      ASSERT_TRUE(line.has_value()) << host.Stderr();
+      pids.push_back(static_cast<pid_t>(std::stol(*line)));
+    }
+    for (const pid_t pid : pids) ASSERT_FALSE(EndsWithin(pid, 0ms)) << pid;
+    ASSERT_EQ(::kill(host.pid(), SIGKILL), 0);
+    EXPECT_EQ(host.Wait(5s).signal, SIGKILL);
+    for (const pid_t pid : pids) EXPECT_TRUE(EndsWithin(pid, 2s)) << pid;
   }
-  for (const pid_t pid : pids) ASSERT_FALSE(EndsWithin(pid, 0ms)) << pid;
-  ASSERT_EQ(::kill(host.pid(), SIGKILL), 0);
-  EXPECT_EQ(host.Wait(5s).signal, SIGKILL);
-  for (const pid_t pid : pids) EXPECT_TRUE(EndsWithin(pid, 2s)) << pid;
 }
 
-TEST(ProcessTree, CountsFollowTheTreeAgainstTheBaseline) {
+class ProcessCountsTest : public testing::TestWithParam<Containment> {};
+
+TEST_P(ProcessCountsTest, FollowTheTreeAgainstTheBaseline) {
+  const ScopedContainment scoped(GetParam());
   const auto process = CreateNativeProcess();
   ASSERT_TRUE(process->Start(ShellOptions("read go; sleep 60 & sleep 60 & echo ready; wait")).ok);
   StreamCollector out(*process, Stream::kStdout);
@@ -143,13 +153,13 @@ TEST(ProcessTree, CountsFollowTheTreeAgainstTheBaseline) {
   ASSERT_TRUE(process->CountProcesses(counts).ok);
   EXPECT_EQ(counts.total, 3u);
   EXPECT_EQ(counts.not_in_baseline, 2u);
-  process->Terminate();
-  uint32_t exit_code = 0;
-  ASSERT_TRUE(process->Wait(5000, exit_code).ok);
+  EXPECT_EQ(TerminateAndWait(*process), 137u);
   ASSERT_TRUE(process->CountProcesses(counts).ok);
   EXPECT_EQ(counts.total, 0u);
   EXPECT_EQ(counts.not_in_baseline, 0u);
 }
+
+INSTANTIATE_TEST_SUITE_P(Containments, ProcessCountsTest, testing::ValuesIn(kAllContainments));
 
 }  // namespace
 

@@ -1,7 +1,5 @@
 // The terminal road: what the child sees, output through the terminal without loss, standard
 // input with terminal line ends, and the readiness probe that decides between terminal and pipes.
-#include "process_runtime/native_process.h"
-
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/ioctl.h>
@@ -12,6 +10,7 @@
 #include <nlohmann/json.hpp>
 
 #include "brimo_stack_common/posix/scoped_fd.h"
+#include "process_runtime/native_process.h"
 #include "support/native_process_helpers.h"
 #include "support/test_child.h"
 
@@ -42,8 +41,8 @@ QUAY_TEST_CHILD(tty_view) {
   for (int fd = 0; fd < 3; ++fd) {
     winsize size{};
     view["tty"].push_back(::isatty(fd) == 1);
-    view["size"].push_back(::ioctl(fd, TIOCGWINSZ, &size) == 0 ? std::to_string(size.ws_col) + "x" + std::to_string(size.ws_row)
-                                                               : "none");
+    view["size"].push_back(
+        ::ioctl(fd, TIOCGWINSZ, &size) == 0 ? std::to_string(size.ws_col) + "x" + std::to_string(size.ws_row) : "none");
   }
   view["controlling"] = brimo_stack::ScopedFd(::open("/dev/tty", O_RDWR | O_CLOEXEC)).valid();
   view["session_leader"] = ::getsid(0) == ::getpid();
@@ -87,14 +86,16 @@ QUAY_TEST_CHILD(marker) {
                 : spelling == "split" ? std::string("__BRIMO_STACK_\x1b[31mCONPTY_READY__\x1b[0m")
                                       : std::string("no marker here"))
             << std::endl;
-  std::cout << "got=" << next_line() << std::endl;
+  const std::string line = next_line();
+  std::cout << "got=" << line << std::endl;
   return 0;
 }
 
-class TerminalViewTest : public testing::TestWithParam<uint32_t> {};
+class TerminalViewTest : public testing::TestWithParam<Containment> {};
 
 TEST_P(TerminalViewTest, ChildRunsOnItsControllingTerminal) {
-  process_runtime::ProcessLaunchOptions options = TestChildOptions("tty_view", {}, GetParam());
+  const ScopedContainment scoped(GetParam());
+  process_runtime::ProcessLaunchOptions options = TestChildOptions("tty_view", {}, /*transport=*/1);
   options.pipe_arguments = TestChildArguments("exit_code", {"9"});
   const auto process = CreateNativeProcess();
   ASSERT_TRUE(process->Start(options).ok);
@@ -122,7 +123,7 @@ TEST_P(TerminalViewTest, ChildRunsOnItsControllingTerminal) {
   EXPECT_TRUE(view["session_leader"]);
 }
 
-INSTANTIATE_TEST_SUITE_P(Transports, TerminalViewTest, testing::Values(1u, 2u));
+INSTANTIATE_TEST_SUITE_P(Containments, TerminalViewTest, testing::ValuesIn(kAllContainments));
 
 // A child that writes and exits at once races its own output through the terminal: none of it
 // may be lost when the terminal hangs up.
@@ -157,6 +158,8 @@ struct ProbeCase {
   bool passes;
 };
 
+void PrintTo(const ProbeCase& c, std::ostream* out) { *out << c.spelling; }
+
 class ReadyProbeTest : public testing::TestWithParam<ProbeCase> {};
 
 // A failed probe falls back to pipes, where the child runs with the pipe arguments.
@@ -175,7 +178,7 @@ TEST_P(ReadyProbeTest, MarkerDecidesBetweenTerminalAndPipes) {
     EXPECT_LT(took, 5s);
     StreamCollector out(*process, Stream::kStdout);
     ASSERT_TRUE(process->WriteStdin("bye\n").ok);
-    EXPECT_TRUE(out.WaitForText("got=bye", 10s)) << out.Text();
+    EXPECT_TRUE(out.WaitForText("got=bye", 10s)) << nlohmann::json(out.Text()).dump();
   } else {
     EXPECT_GE(took, 10s);
     EXPECT_LT(took, 14s);
@@ -188,7 +191,9 @@ TEST_P(ReadyProbeTest, MarkerDecidesBetweenTerminalAndPipes) {
 
 INSTANTIATE_TEST_SUITE_P(Spellings, ReadyProbeTest,
                          testing::Values(ProbeCase{"plain", true}, ProbeCase{"split", true}, ProbeCase{"none", false}),
-                         [](const testing::TestParamInfo<ProbeCase>& info) { return std::string(info.param.spelling); });
+                         [](const testing::TestParamInfo<ProbeCase>& info) {
+                           return std::string(info.param.spelling);
+                         });
 
 }  // namespace
 

@@ -1,5 +1,5 @@
-// What the process runtime tests share: launch options for a child of this program, readers
-// that drain a child's output on a thread of their own, and looks at the process table.
+// What the process runtime tests share: launch options for a child of this program, a reader
+// that drains one stream of a child on a thread of its own, and looks at the process table.
 #pragma once
 
 #include <sys/types.h>
@@ -15,49 +15,55 @@
 #include <vector>
 
 #include "process_runtime/native_process.h"
+#include "process_runtime/posix/child_launcher.h"
 
 namespace quay_test {
 
 namespace process_runtime = brimo_stack::process_runtime;
+using process_runtime::Containment;
 using std::chrono::milliseconds;
 
-// Child `name` of this program (see test_child.h) on pipes, or with `transport` not 0 on a
-// terminal first.
+// Child `name` of this program (see test_child.h); `transport` 0 runs it on pipes.
 [[nodiscard]] process_runtime::ProcessLaunchOptions TestChildOptions(const std::string& name,
                                                                      const std::vector<std::string>& args = {},
                                                                      uint32_t transport = 0);
 // `/bin/sh -c script` on pipes.
 [[nodiscard]] process_runtime::ProcessLaunchOptions ShellOptions(const std::string& script);
 
+// Launches in this scope use `containment` instead of the strongest the machine allows, so that
+// every road runs on a machine that has namespaces.
+class ScopedContainment {
+ public:
+  explicit ScopedContainment(Containment containment) { process_runtime::OverrideContainment(containment); }
+  ~ScopedContainment() { process_runtime::OverrideContainment(std::nullopt); }
+};
+inline constexpr Containment kAllContainments[] = {Containment::kProcessGroup, Containment::kPidNamespace,
+                                                   Containment::kUserAndPidNamespace};
+// The roads on which nothing that the child starts outlives a kill.
+inline constexpr Containment kNamespaceContainments[] = {Containment::kPidNamespace, Containment::kUserAndPidNamespace};
+
 enum class Stream { kStdout, kStderr };
 
-// Reads one stream of a child on a thread of its own until end of output, into Text() or,
-// when a sink is given, into the sink alone.
+// Reads one stream until end of output into Text(), or into `sink` alone when one is given.
 class StreamCollector {
  public:
   StreamCollector(process_runtime::INativeProcess& process, Stream stream,
                   std::function<void(std::string_view)> sink = {});
-  // Waits for the end of output; a reader still blocked after 5 s is a failure and is cancelled.
+  // Joins the reader; one still blocked after 5 s is a test failure and is cancelled.
   ~StreamCollector();
-  StreamCollector(const StreamCollector&) = delete;
-  StreamCollector& operator=(const StreamCollector&) = delete;
 
-  // Whether the text holds `needed` within `timeout`.
+  // Whether the text collected so far satisfies `done` within `timeout`.
+  bool WaitUntil(const std::function<bool(const std::string&)>& done, milliseconds timeout);
   bool WaitForText(std::string_view needed, milliseconds timeout);
-  // Whether the output ended within `timeout`.
   bool WaitForEnd(milliseconds timeout);
   [[nodiscard]] std::string Text();
-  [[nodiscard]] uint64_t Bytes();
 
  private:
-  void Run(Stream stream);
-
   process_runtime::INativeProcess& process_;
   std::function<void(std::string_view)> sink_;
   std::mutex mutex_;
   std::condition_variable changed_;
   std::string text_;
-  uint64_t bytes_ = 0;
   bool ended_ = false;
   std::thread thread_;
 };
@@ -68,12 +74,13 @@ struct FinishedChild {
   uint32_t exit_code = 0;
 };
 
-// Starts `options`, reads both streams to their end and waits for the exit; test failures on
-// the way are reported where they happen.
+// Starts `options`, reads both streams to their end and waits for the exit.
 [[nodiscard]] FinishedChild RunToEnd(const process_runtime::ProcessLaunchOptions& options);
+// Terminates a running child and gives the exit code that Wait reports.
+[[nodiscard]] uint32_t TerminateAndWait(process_runtime::INativeProcess& process);
 
-// Processes whose parent is this process: a reaped child is not among them, a zombie is.
-[[nodiscard]] std::vector<pid_t> ChildrenOfThisProcess();
+// Whether this process has a child, running or a zombie.
+[[nodiscard]] bool HasChildren();
 // Whether `pid` is gone or a zombie within `timeout`.
 [[nodiscard]] bool EndsWithin(pid_t pid, milliseconds timeout);
 // Entries of a /proc/self folder ("fd", "task").

@@ -2,10 +2,10 @@
 #include "support/test_child.h"
 
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <cstdio>
 #include <cstdlib>
+#include <filesystem>
 #include <map>
 #include <string_view>
 
@@ -30,13 +30,7 @@ bool RegisterTestChild(const char* name, TestChildBody body) {
   return true;
 }
 
-std::string SelfExecutable() {
-  std::string path(4096, '\0');
-  const ssize_t length = ::readlink("/proc/self/exe", path.data(), path.size());
-  if (length <= 0) std::abort();
-  path.resize(static_cast<size_t>(length));
-  return path;
-}
+std::string SelfExecutable() { return std::filesystem::read_symlink("/proc/self/exe"); }
 
 std::vector<std::string> TestChildArguments(const std::string& name, const std::vector<std::string>& args) {
   std::vector<std::string> result{std::string(kChildFlag) + name};

@@ -25,10 +25,10 @@ int RunTestChildOrTests(int argc, char** argv);
 }  // namespace quay_test
 
 // QUAY_TEST_CHILD(echo) { ...; return 0; } defines child "echo"; `args` holds its arguments.
-#define QUAY_TEST_CHILD(name)                                                                  \
-  static int QuayTestChild_##name(const std::vector<std::string>& args);                      \
-  [[maybe_unused]] static const bool quay_test_child_registered_##name =                      \
-      ::quay_test::RegisterTestChild(#name, &QuayTestChild_##name);                           \
+#define QUAY_TEST_CHILD(name)                                            \
+  static int QuayTestChild_##name(const std::vector<std::string>& args); \
+  [[maybe_unused]] static const bool quay_test_child_registered_##name = \
+      ::quay_test::RegisterTestChild(#name, &QuayTestChild_##name);      \
   static int QuayTestChild_##name([[maybe_unused]] const std::vector<std::string>& args)
 
 // The program's main, in place of GoogleTest's.
