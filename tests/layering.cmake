@@ -13,3 +13,7 @@ quay_add_layering_probe(RuntimeCannotIncludeTheApplication runtime_includes_appl
                         brimo_local_runtime "quay_tools_host/files/file_paths.h")
 quay_add_layering_probe(CommonCannotIncludeTheRuntime common_includes_runtime.cpp
                         brimo_stack_common "brimo_stack/local_runtime/host_launch_config.h")
+quay_add_layering_probe(LocalRuntimeCannotIncludeTheProcessRuntime local_runtime_includes_process_runtime.cpp
+                        brimo_local_runtime "process_runtime/native_process.h")
+quay_add_layering_probe(ProcessRuntimeCannotIncludeTheApplication process_runtime_includes_application.cpp
+                        brimo_process_runtime "quay_tools_host/files/file_paths.h")
