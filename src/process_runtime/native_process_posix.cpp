@@ -233,10 +233,15 @@ class PosixProcess final : public INativeProcess {
         return CommandResult::Failure(kCategoryTimeout, 5, "timed out waiting for process exit");
       }
     }
+    // The status is read but the child stays a zombie until the destructor: while it does, its
+    // number and its group's number cannot be given to another process, so a later Terminate
+    // still reaches the descendants left in the group and nobody else.
     std::lock_guard lock(reap_mutex_);
     if (!exit_code_) {
       siginfo_t info = {};
-      if (RetryOnEintr([&] { return ::waitid(P_PIDFD, static_cast<id_t>(pidfd_.get()), &info, WEXITED); }) != 0) {
+      if (RetryOnEintr([&] {
+            return ::waitid(P_PIDFD, static_cast<id_t>(pidfd_.get()), &info, WEXITED | WNOWAIT);
+          }) != 0) {
         return MakeSystemCommandError("get process exit code", errno);
       }
       exit_code_ = ExitCodeOf(info);
@@ -304,6 +309,8 @@ class PosixProcess final : public INativeProcess {
   void Adopt(LaunchedChild& child) {
     pid_ = child.pid;
     pidfd_ = std::move(child.pidfd);
+    exit_code_.reset();
+    reaped_ = false;
     containment_ = child.containment;
     if (containment_ != Containment::kProcessGroup) namespace_link_ = ReadPidNamespaceLink(pid_);
   }
@@ -508,7 +515,7 @@ class PosixProcess final : public INativeProcess {
   // a stranger. The namespace's init takes everything in the namespace with it.
   void Signal() {
     std::lock_guard lock(reap_mutex_);
-    if (pid_ < 0 || exit_code_) return;
+    if (pid_ < 0 || reaped_) return;
     if (containment_ == Containment::kProcessGroup && ::kill(-pid_, SIGKILL) != 0 && errno != ESRCH) {
       SPDLOG_ERROR("process_cleanup_failed platform=linux stage=terminate_group process_id={} os_error_code={}", pid_,
                    errno);
@@ -521,11 +528,9 @@ class PosixProcess final : public INativeProcess {
 
   void ReapBlocking() {
     std::lock_guard lock(reap_mutex_);
-    if (pid_ < 0 || exit_code_) return;
+    if (pid_ < 0 || reaped_) return;
     siginfo_t info = {};
-    if (RetryOnEintr([&] { return ::waitid(P_PIDFD, static_cast<id_t>(pidfd_.get()), &info, WEXITED); }) == 0) {
-      exit_code_ = ExitCodeOf(info);
-    }
+    reaped_ = RetryOnEintr([&] { return ::waitid(P_PIDFD, static_cast<id_t>(pidfd_.get()), &info, WEXITED); }) == 0;
   }
 
   CommandResult CollectAliveProcessIds(std::vector<uint32_t>& out) {
@@ -551,6 +556,7 @@ class PosixProcess final : public INativeProcess {
   bool uses_conpty_ = false;
   std::mutex reap_mutex_;
   std::optional<uint32_t> exit_code_;
+  bool reaped_ = false;
   std::vector<uint32_t> baseline_;
 };
 

@@ -68,54 +68,69 @@ class ProcessTreeTest : public testing::TestWithParam<std::tuple<TreeCase, Conta
 TEST_P(ProcessTreeTest, TerminateEndsEveryDescendantAndTheReads) {
   const auto& [c, containment] = GetParam();
   const ScopedContainment scoped(containment);
-  const auto process = CreateNativeProcess();
+  auto process = CreateNativeProcess();
   ASSERT_TRUE(process->Start(ShellOptions(c.script)).ok);
-  StreamCollector out(*process, Stream::kStdout);
-  StreamCollector err(*process, Stream::kStderr);
-  const std::vector<pid_t> pids = CollectPids(out, c.descendants);
-  ASSERT_EQ(pids.size(), c.descendants);
-  uint32_t exit_code = 1;
-  std::future<bool> waited;
-  if (c.child_exits) {
-    ASSERT_TRUE(process->WriteStdin("go\n").ok);
-    ASSERT_TRUE(process->Wait(5000, exit_code).ok);
-    EXPECT_EQ(exit_code, 0u);
-  } else {
-    // Another thread waits while the owner ends the tree, as a reader that ends a run does.
-    waited = std::async(std::launch::async, [&] { return process->Wait(10000, exit_code).ok; });
+  {
+    StreamCollector out(*process, Stream::kStdout);
+    StreamCollector err(*process, Stream::kStderr);
+    const std::vector<pid_t> pids = CollectPids(out, c.descendants);
+    ASSERT_EQ(pids.size(), c.descendants);
+    uint32_t exit_code = 1;
+    std::future<bool> waited;
+    if (c.child_exits) {
+      ASSERT_TRUE(process->WriteStdin("go\n").ok);
+      ASSERT_TRUE(process->Wait(5000, exit_code).ok);
+      EXPECT_EQ(exit_code, 0u);
+    } else {
+      // Another thread waits while the owner ends the tree, as a reader that ends a run does.
+      waited = std::async(std::launch::async, [&] { return process->Wait(10000, exit_code).ok; });
+    }
+    const auto started = Clock::now();
+    c.use_kill ? process->Kill() : process->Terminate();
+    EXPECT_LT(Clock::now() - started, 500ms);
+    EXPECT_TRUE(out.WaitForEnd(2s));
+    EXPECT_TRUE(err.WaitForEnd(2s));
+    if (waited.valid()) {
+      ASSERT_EQ(waited.wait_for(2s), std::future_status::ready);
+      EXPECT_TRUE(waited.get());
+      EXPECT_EQ(exit_code, 137u);
+    }
+    for (const pid_t pid : pids) EXPECT_TRUE(EndsWithin(pid, 2s)) << pid;
   }
-  const auto started = Clock::now();
-  c.use_kill ? process->Kill() : process->Terminate();
-  EXPECT_LT(Clock::now() - started, 500ms);
-  EXPECT_TRUE(out.WaitForEnd(2s));
-  EXPECT_TRUE(err.WaitForEnd(2s));
-  if (waited.valid()) {
-    ASSERT_EQ(waited.wait_for(2s), std::future_status::ready);
-    EXPECT_TRUE(waited.get());
-    EXPECT_EQ(exit_code, 137u);
-  }
-  for (const pid_t pid : pids) EXPECT_TRUE(EndsWithin(pid, 2s)) << pid;
+  // The child stays a zombie while the object could still signal its group; the object reaps it.
+  process.reset();
   EXPECT_FALSE(HasChildren());
 }
 
 const std::string kReporterText = kReporter;
+const auto kCaseName = [](const auto& info) {
+  return std::get<0>(info.param).name + std::to_string(static_cast<int>(std::get<1>(info.param)));
+};
+
+// Descendants that stay in the child's process group: every containment reaches them, also
+// after the child itself has been waited for.
 INSTANTIATE_TEST_SUITE_P(
-    Descendants, ProcessTreeTest,
+    InTheGroup, ProcessTreeTest,
+    testing::Combine(testing::Values(TreeCase{"grandchild", kReporterText + " & exec sleep 60", 1, false, false},
+                                     TreeCase{"double_fork", "(" + kReporterText + " &); exec sleep 60", 1, false, false},
+                                     TreeCase{"nohup", "nohup " + kReporterText + " & exec sleep 60", 1, false, false},
+                                     TreeCase{"pipe_holder", kReporterText + " & read go; exit 0", 1, false, true}),
+                     testing::ValuesIn(kAllContainments)),
+    kCaseName);
+
+// Descendants that leave the group: only a PID namespace reaches them.
+INSTANTIATE_TEST_SUITE_P(
+    LeavingTheGroup, ProcessTreeTest,
     testing::Combine(
         testing::Values(
-            TreeCase{"grandchild", kReporterText + " & exec sleep 60", 1, false, false},
             TreeCase{"setsid", "setsid " + kReporterText + " & exec sleep 60", 1, true, false},
-            TreeCase{"double_fork", "(" + kReporterText + " &); exec sleep 60", 1, false, false},
-            TreeCase{"nohup", "nohup " + kReporterText + " & exec sleep 60", 1, false, false},
             TreeCase{
                 "setsid_double_fork_and_pipe_holder",
                 R"sh(setsid sh -c "(sh -c 'read -r pid rest </proc/self/stat; echo \$pid; exec sleep 60' &)"; )sh" +
                     kReporterText + " & read go; exit 0",
                 2, false, true}),
         testing::ValuesIn(kNamespaceContainments)),
-    [](const auto& info) {
-      return std::get<0>(info.param).name + std::to_string(static_cast<int>(std::get<1>(info.param)));
-    });
+    kCaseName);
 
 TEST(ProcessTree, DeathOfTheHostEndsTheTree) {
   const std::string script = "setsid " + kReporterText + " & (" + kReporterText + " &); exec sleep 60";
