@@ -8,7 +8,12 @@
 
 #include <iostream>
 #include <nlohmann/json.hpp>
+#include <sstream>
 
+#include <spdlog/sinks/ostream_sink.h>
+#include <spdlog/spdlog.h>
+
+#include "brimo_stack_common/log_summary.h"
 #include "brimo_stack_common/posix/scoped_fd.h"
 #include "process_runtime/native_process.h"
 #include "support/native_process_helpers.h"
@@ -187,6 +192,38 @@ TEST_P(ReadyProbeTest, MarkerDecidesBetweenTerminalAndPipes) {
   }
   ASSERT_TRUE(process->Wait(5000, exit_code).ok);
   EXPECT_EQ(exit_code, c.passes ? 0u : 7u);
+}
+
+// The fallback is seen only in the log: the line names the stage, the role and the ids, and the
+// instance id only as its hash.
+TEST(ReadyProbe, AChildThatEndsBeforeTheMarkerFallsBackWithOneWarning) {
+  std::ostringstream log;
+  const auto previous = spdlog::default_logger();
+  auto capture = std::make_shared<spdlog::logger>("capture", std::make_shared<spdlog::sinks::ostream_sink_mt>(log));
+  capture->set_pattern("%l %v");
+  spdlog::set_default_logger(capture);
+  process_runtime::ProcessLaunchOptions options = TestChildOptions("exit_code", {"0"}, 1);
+  options.ready_probe_command = "quay-ready-check";
+  options.pipe_arguments = TestChildArguments("exit_code", {"7"});
+  options.role = process_runtime::ProcessRole::kFileWorker;
+  options.sdk_call_id = "call-1";
+  options.task_id = "task-1";
+  options.instance_id = "instance-secret";
+  const auto process = CreateNativeProcess();
+  const auto started = process->Start(options);
+  spdlog::set_default_logger(previous);
+  ASSERT_TRUE(started.ok) << started.error->message;
+  EXPECT_FALSE(process->UsesConpty());
+  uint32_t exit_code = 1;
+  ASSERT_TRUE(process->Wait(5000, exit_code).ok);
+  EXPECT_EQ(exit_code, 7u);
+  const std::string text = log.str();
+  EXPECT_NE(text.find("warning shell_process_start_conpty_failed fallback=pipe transport_stage=ready_probe_read "
+                      "process_role=file_worker sdk_call_id=call-1 task_id=task-1 instance_id_hash=" +
+                      brimo_stack::HashForLog("instance-secret") + " diagnostic_bytes="),
+            std::string::npos)
+      << text;
+  EXPECT_EQ(text.find("instance-secret"), std::string::npos) << text;
 }
 
 INSTANTIATE_TEST_SUITE_P(Spellings, ReadyProbeTest,
