@@ -5,6 +5,5 @@
 namespace brimo_stack::quay_tools_host {
 
 CommandResult FileCommandService::Glob(const FileGlobRequest&) { return UnsupportedMethodResult(); }
-CommandResult FileCommandService::Grep(const FileGrepRequest&) { return UnsupportedMethodResult(); }
 
 }  // namespace brimo_stack::quay_tools_host
