@@ -1,9 +1,10 @@
 // The process runtime next to the plain system calls it stands in for, each in the same run as
-// its reference: starting and waiting for /bin/true under each containment against a bare
-// posix_spawn (in a plain parent and in one holding 1 GiB and 10,000 inheritable descriptors),
-// reading 1 GiB of a child's output against a plain pipe, and ending a tree of 100 processes.
+// its reference: starting and waiting for /bin/true under each containment against posix_spawn
+// (in a plain parent and in one holding 1 GiB and 10,000 inheritable descriptors), reading 1 GiB
+// of a child's output against a plain pipe, and ending a tree of 100 processes.
 #include <benchmark/benchmark.h>
 #include <fcntl.h>
+#include <sched.h>
 #include <spawn.h>
 #include <sys/prctl.h>
 #include <sys/resource.h>
@@ -33,17 +34,17 @@ extern char** environ;
 namespace {
 
 namespace pr = brimo_stack::process_runtime;
-using Clock = std::chrono::steady_clock;
 using brimo_stack::RetryOnEintr;
 using brimo_stack::ScopedFd;
 using pr::Containment;
+using Clock = std::chrono::steady_clock;
 
 constexpr int kStartIterations = 2000;
 constexpr int kWarmUpStarts = 20;
 constexpr size_t kResidentBytes = size_t{1} << 30;
 constexpr int kExtraDescriptors = 10000;
 constexpr size_t kReadBytes = size_t{1} << 30;
-constexpr int kReadIterations = 5;
+constexpr int kReadIterations = 7;
 constexpr int kTreeIterations = 30;
 constexpr uint32_t kTreeSize = 100;
 constexpr uint64_t kWaitMs = 10000;
@@ -68,7 +69,7 @@ double SecondsSince(Clock::time_point begin) { return std::chrono::duration<doub
 
 bool Reap(pid_t pid) {
   int status = 0;
-  return RetryOnEintr([&] { return ::waitpid(pid, &status, 0); }) == pid && WIFEXITED(status) &&
+  return pid > 0 && RetryOnEintr([&] { return ::waitpid(pid, &status, 0); }) == pid && WIFEXITED(status) &&
          WEXITSTATUS(status) == 0;
 }
 
@@ -95,15 +96,11 @@ double Percentile(const std::vector<double>& sorted, double fraction) {
 // Runs `once` `warm_ups` times untimed, then once per iteration; `once` gives the seconds of its
 // timed part, or a negative number after a failure. Returns the sorted samples.
 std::vector<double> RunTimed(benchmark::State& state, int warm_ups, const std::function<double()>& once) {
-  for (int i = 0; i < warm_ups; ++i) {
-    if (once() < 0) {
-      state.SkipWithError(g_failure.c_str());
-      return {};
-    }
-  }
+  bool warm_up_failed = false;
+  for (int i = 0; i < warm_ups && !warm_up_failed; ++i) warm_up_failed = once() < 0;
   std::vector<double> samples;
   for (auto _ : state) {
-    const double seconds = once();
+    const double seconds = warm_up_failed ? -1 : once();
     if (seconds < 0) {
       state.SkipWithError(g_failure.c_str());
       return {};
@@ -123,19 +120,19 @@ std::vector<double> RunTimed(benchmark::State& state, int warm_ups, const std::f
 double CheckContainment(Containment containment) {
   auto process = pr::CreateNativeProcess();
   if (auto started = process->Start(OptionsFor("/bin/cat", {})); !started.ok) return Fail("start cat", started);
-  const std::string child = "/proc/" + std::to_string(process->ProcessId()) + "/ns/";
-  auto differs = [&](const char* kind) {
+  auto differs = [&](const std::string& kind) {
     char own[128] = {};
     char theirs[128] = {};
-    return ::readlink((std::string("/proc/self/ns/") + kind).c_str(), own, sizeof(own) - 1) > 0 &&
-           ::readlink((child + kind).c_str(), theirs, sizeof(theirs) - 1) > 0 && std::strcmp(own, theirs) != 0;
+    const std::string child = "/proc/" + std::to_string(process->ProcessId()) + "/ns/" + kind;
+    return ::readlink(("/proc/self/ns/" + kind).c_str(), own, sizeof(own) - 1) > 0 &&
+           ::readlink(child.c_str(), theirs, sizeof(theirs) - 1) > 0 && std::strcmp(own, theirs) != 0;
   };
-  const bool pid_ok = differs("pid") == (containment != Containment::kProcessGroup);
-  const bool user_ok = differs("user") == (containment == Containment::kUserAndPidNamespace);
+  const bool as_asked = differs("pid") == (containment != Containment::kProcessGroup) &&
+                        differs("user") == (containment == Containment::kUserAndPidNamespace);
   process->Terminate();
   uint32_t code = 0;
   (void)process->Wait(kWaitMs, code);
-  return pid_ok && user_ok ? 0 : Fail("the machine gave a weaker containment than the one asked for");
+  return as_asked ? 0 : Fail("the machine gave a weaker containment than the one asked for");
 }
 
 double RuntimeStartAndWait() {
@@ -148,11 +145,44 @@ double RuntimeStartAndWait() {
   return SecondsSince(begin);
 }
 
-double SpawnAndWait() {
-  const Clock::time_point begin = Clock::now();
+// posix_spawnp with `stdio` (-1: the parent's own) on 0/1/2 and, `like_runtime`, the rest of the
+// child-side work of the runtime's group road: every other descriptor closed, a group of its own.
+pid_t Spawn(char* const* argv, const int (&stdio)[3], bool like_runtime) {
+  posix_spawn_file_actions_t actions;
+  posix_spawnattr_t attributes;
+  ::posix_spawn_file_actions_init(&actions);
+  ::posix_spawnattr_init(&attributes);
+  const bool bare = !like_runtime && stdio[0] < 0 && stdio[1] < 0 && stdio[2] < 0;
+  for (int i = 0; i < 3; ++i) {
+    if (stdio[i] >= 0) ::posix_spawn_file_actions_adddup2(&actions, stdio[i], i);
+  }
+  if (like_runtime) {
+    ::posix_spawn_file_actions_addclosefrom_np(&actions, 3);
+    ::posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETPGROUP);
+  }
   pid_t pid = -1;
-  if (::posix_spawn(&pid, kTruePath, nullptr, nullptr, kTrueArgv, environ) != 0 || !Reap(pid)) {
-    return Fail("posix_spawn or waitpid failed");
+  const int error =
+      ::posix_spawnp(&pid, argv[0], bare ? nullptr : &actions, bare ? nullptr : &attributes, argv, environ);
+  ::posix_spawnattr_destroy(&attributes);
+  ::posix_spawn_file_actions_destroy(&actions);
+  return error == 0 ? pid : -1;
+}
+
+// /bin/true bare, or on three O_CLOEXEC pipes the way the runtime gives them.
+double SpawnAndWait(bool like_runtime) {
+  const Clock::time_point begin = Clock::now();
+  ScopedFd ends[3][2];
+  int stdio[3] = {-1, -1, -1};
+  for (int i = 0; like_runtime && i < 3; ++i) {
+    int made[2];
+    if (::pipe2(made, O_CLOEXEC) != 0) return Fail("pipe2 failed");
+    ends[i][0].Reset(made[0]);
+    ends[i][1].Reset(made[1]);
+    stdio[i] = made[i == 0 ? 0 : 1];
+  }
+  if (!Reap(Spawn(kTrueArgv, stdio, like_runtime))) return Fail("posix_spawn or waitpid failed");
+  for (auto& pair : ends) {
+    for (ScopedFd& end : pair) end.Reset();
   }
   return SecondsSince(begin);
 }
@@ -181,19 +211,20 @@ std::string LoadParent() {
   return failure;
 }
 
-// No containment means the bare posix_spawn reference.
-void BM_StartAndWait(benchmark::State& state, std::optional<Containment> containment) {
+bool ReadyParent(benchmark::State& state) {
   const std::string why = state.range(0) == 1 ? LoadParent() : std::string();
-  if (!why.empty()) {
-    state.SkipWithError(why.c_str());
-    return;
-  }
-  if (!containment) {
-    RunTimed(state, kWarmUpStarts, SpawnAndWait);
-    return;
-  }
+  if (!why.empty()) state.SkipWithError(why.c_str());
+  return why.empty();
+}
+
+void BM_Spawn(benchmark::State& state, bool like_runtime) {
+  if (ReadyParent(state)) RunTimed(state, kWarmUpStarts, [&] { return SpawnAndWait(like_runtime); });
+}
+
+void BM_RuntimeStart(benchmark::State& state, Containment containment) {
+  if (!ReadyParent(state)) return;
   pr::OverrideContainment(containment);
-  if (CheckContainment(*containment) < 0) {
+  if (CheckContainment(containment) < 0) {
     state.SkipWithError(g_failure.c_str());
   } else {
     RunTimed(state, kWarmUpStarts, RuntimeStartAndWait);
@@ -201,8 +232,8 @@ void BM_StartAndWait(benchmark::State& state, std::optional<Containment> contain
   pr::OverrideContainment(std::nullopt);
 }
 
-// The file every read case has `cat` copy: 1 GiB, written once, so it sits in the page cache;
-// main removes it.
+// The file every read case has `cat` copy: 1 GiB, written once, so it sits in the page cache,
+// and synced, so that its writeback does not run under the timed reads; main removes it.
 bool MakeReadSource() {
   if (!g_read_source.empty()) return true;
   const char* dir = std::getenv("QUAY_BENCH_DIR");
@@ -213,20 +244,21 @@ bool MakeReadSource() {
   for (size_t done = 0; file.valid() && done < kReadBytes; done += block.size()) {
     if (::write(file.get(), block.data(), block.size()) != static_cast<ssize_t>(block.size())) return false;
   }
-  return file.valid() && file.Close() == 0;
+  return file.valid() && ::fsync(file.get()) == 0 && file.Close() == 0;
 }
 
 enum class Reader { kRuntime, kPlainPipe, kCatToDevNull };
 
-// Starts `cat` on the source, takes all it writes, waits for it; the start counts, as it is
-// part of what a caller pays, but is about a millisecond of the whole.
-double ReadOnce(Reader reader, size_t buffer_size) {
+// Starts `taskset -c <cpu> cat` on the source, takes all it writes, waits for it; the start
+// counts, as a caller pays it, but is about a millisecond of the whole.
+double ReadOnce(Reader reader, size_t buffer_size, int child_cpu) {
   std::vector<char> buffer(buffer_size);
+  std::string cpu = std::to_string(child_cpu);
   uint64_t total = 0;
   const Clock::time_point begin = Clock::now();
   if (reader == Reader::kRuntime) {
     auto process = pr::CreateNativeProcess();
-    if (auto started = process->Start(OptionsFor("/bin/cat", {g_read_source})); !started.ok) {
+    if (auto started = process->Start(OptionsFor("taskset", {"-c", cpu, "cat", g_read_source})); !started.ok) {
       return Fail("start", started);
     }
     for (pr::OutputRead got; !got.eof; total += got.bytes_read) {
@@ -234,41 +266,55 @@ double ReadOnce(Reader reader, size_t buffer_size) {
     }
     if (WaitClean(*process) < 0) return -1;
   } else {
-    int ends[2] = {-1, -1};
-    if (reader == Reader::kPlainPipe && ::pipe2(ends, O_CLOEXEC) != 0) return Fail("pipe2 failed");
-    ScopedFd read_end(ends[0]);
-    ScopedFd write_end(ends[1]);
-    posix_spawn_file_actions_t actions;
-    ::posix_spawn_file_actions_init(&actions);
+    ScopedFd read_end;
+    ScopedFd write_end;
+    int ends[2];
     if (reader == Reader::kPlainPipe) {
-      ::posix_spawn_file_actions_adddup2(&actions, write_end.get(), 1);
+      if (::pipe2(ends, O_CLOEXEC) != 0) return Fail("pipe2 failed");
+      read_end.Reset(ends[0]);
+      write_end.Reset(ends[1]);
     } else {
-      ::posix_spawn_file_actions_addopen(&actions, 1, "/dev/null", O_WRONLY, 0);
+      write_end.Reset(::open("/dev/null", O_WRONLY | O_CLOEXEC));
+      if (!write_end.valid()) return Fail("cannot open /dev/null");
     }
-    char* argv[] = {const_cast<char*>("cat"), g_read_source.data(), nullptr};
-    pid_t pid = -1;
-    const int error = ::posix_spawn(&pid, "/bin/cat", &actions, nullptr, argv, environ);
-    ::posix_spawn_file_actions_destroy(&actions);
+    char* argv[] = {const_cast<char*>("taskset"), const_cast<char*>("-c"), cpu.data(), const_cast<char*>("cat"),
+                    g_read_source.data(), nullptr};
+    const pid_t pid = Spawn(argv, {-1, write_end.get(), -1}, false);
     write_end.Reset();
     // Into /dev/null the child copies the whole file by itself.
-    total = reader == Reader::kPlainPipe ? 0 : kReadBytes;
-    for (ssize_t n = 1; error == 0 && read_end.valid() && n > 0;) {
-      n = RetryOnEintr([&] { return ::read(read_end.get(), buffer.data(), buffer.size()); });
-      if (n > 0) total += static_cast<uint64_t>(n);
+    total = read_end.valid() ? 0 : kReadBytes;
+    while (pid > 0 && read_end.valid()) {
+      const ssize_t n = RetryOnEintr([&] { return ::read(read_end.get(), buffer.data(), buffer.size()); });
+      if (n <= 0) break;
+      total += static_cast<uint64_t>(n);
     }
-    if (error != 0 || !Reap(pid)) return Fail("cat failed");
+    if (!Reap(pid)) return Fail("cat failed");
   }
   const double seconds = SecondsSince(begin);
   return total == kReadBytes ? seconds : Fail("read " + std::to_string(total) + " bytes");
 }
 
+// The reading thread stays on CPU 0 and the child goes where taskset puts it: a pipe between the
+// two CPUs of this machine carries less than half of what it carries on one, and left to the
+// scheduler the figure of a run depends on where it happened to place the two.
 void BM_Read(benchmark::State& state, Reader reader) {
-  if (!MakeReadSource()) {
-    state.SkipWithError("cannot write the 1 GiB source file");
+  const int child_cpu = static_cast<int>(state.range(1));
+  cpu_set_t before;
+  cpu_set_t reader_cpu;
+  CPU_ZERO(&reader_cpu);
+  CPU_SET(0, &reader_cpu);
+  if (::sched_getaffinity(0, sizeof(before), &before) != 0 || !CPU_ISSET(0, &before) ||
+      !CPU_ISSET(child_cpu, &before) || ::sched_setaffinity(0, sizeof(reader_cpu), &reader_cpu) != 0) {
+    state.SkipWithError("CPUs 0 and 1 are not both available");
     return;
   }
-  const std::vector<double> samples =
-      RunTimed(state, 1, [&] { return ReadOnce(reader, static_cast<size_t>(state.range(0)) << 10); });
+  std::vector<double> samples;
+  if (!MakeReadSource()) {
+    state.SkipWithError("cannot write the 1 GiB source file");
+  } else {
+    samples = RunTimed(state, 1, [&] { return ReadOnce(reader, static_cast<size_t>(state.range(0)) << 10, child_cpu); });
+  }
+  (void)::sched_setaffinity(0, sizeof(before), &before);
   if (samples.empty()) return;
   state.SetBytesProcessed(static_cast<int64_t>(kReadBytes) * state.iterations());
   state.counters["MB_per_s"] = static_cast<double>(kReadBytes) / Percentile(samples, 0.5) / 1e6;
@@ -277,7 +323,7 @@ void BM_Read(benchmark::State& state, Reader reader) {
 // Starts `sh` with 99 sleeping children, waits until all 100 show, then times Terminate until
 // Wait has returned and the last of them is gone. In a group the strays come back to this
 // process, a subreaper, and are gone once reaped; a namespace's init reaps them all before it
-// ends, so its Wait returning is the end.
+// ends, so its Wait returning is the end. A scan of /proc afterwards checks either.
 double TerminateTree(Containment containment) {
   auto process = pr::CreateNativeProcess();
   if (auto started = process->Start(OptionsFor("/bin/sh", {"-c", kTreeScript})); !started.ok) {
@@ -324,36 +370,35 @@ int main(int argc, char** argv) {
   if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
   // The tree's sleepers outlive their shell in a process group; they must come back here.
   if (::prctl(PR_SET_CHILD_SUBREAPER, 1) != 0) return 1;
-  const std::pair<const char*, std::optional<Containment>> starts[] = {
-      {"BM_PosixSpawnBare", std::nullopt},
-      {"BM_RuntimeProcessGroup", Containment::kProcessGroup},
-      {"BM_RuntimePidNamespace", Containment::kPidNamespace},
-      {"BM_RuntimeUserPidNamespace", Containment::kUserAndPidNamespace},
-  };
-  auto register_starts = [&](int loaded) {
-    for (const auto& [name, containment] : starts) {
-      benchmark::RegisterBenchmark(name, BM_StartAndWait, containment)
-          ->ArgName("loaded")->Arg(loaded)->Iterations(kStartIterations)->UseManualTime()
-          ->Unit(benchmark::kMicrosecond);
-    }
+  auto register_starts = [](int loaded) {
+    auto configure = [loaded](auto* bench) {
+      bench->ArgName("loaded")->Arg(loaded)->Iterations(kStartIterations)->UseManualTime()->Unit(benchmark::kMicrosecond);
+    };
+    configure(benchmark::RegisterBenchmark("BM_PosixSpawnBare", BM_Spawn, false));
+    configure(benchmark::RegisterBenchmark("BM_PosixSpawnPipesGroup", BM_Spawn, true));
+    configure(benchmark::RegisterBenchmark("BM_RuntimeProcessGroup", BM_RuntimeStart, Containment::kProcessGroup));
+    configure(benchmark::RegisterBenchmark("BM_RuntimePidNamespace", BM_RuntimeStart, Containment::kPidNamespace));
+    configure(
+        benchmark::RegisterBenchmark("BM_RuntimeUserPidNamespace", BM_RuntimeStart, Containment::kUserAndPidNamespace));
   };
   register_starts(0);
-  const std::pair<const char*, Reader> reads[] = {
-      {"BM_ReadPlainPipe", Reader::kPlainPipe},
-      {"BM_ReadRuntime", Reader::kRuntime},
-  };
-  for (const auto& [name, reader] : reads) {
-    benchmark::RegisterBenchmark(name, BM_Read, reader)
-        ->ArgName("buffer_kib")->Arg(64)->Arg(1024)->Iterations(kReadIterations)->UseManualTime()
-        ->Unit(benchmark::kMillisecond);
+  for (const int child_cpu : {0, 1}) {
+    for (const auto& [name, reader] : {std::pair{"BM_ReadPlainPipe", Reader::kPlainPipe},
+                                       std::pair{"BM_ReadRuntime", Reader::kRuntime}}) {
+      benchmark::RegisterBenchmark(name, BM_Read, reader)
+          ->ArgNames({"buffer_kib", "child_cpu"})->Args({64, child_cpu})->Args({1024, child_cpu})
+          ->Iterations(kReadIterations)->UseManualTime()->Unit(benchmark::kMillisecond);
+    }
   }
   benchmark::RegisterBenchmark("BM_CatToDevNull", BM_Read, Reader::kCatToDevNull)
-      ->ArgName("buffer_kib")->Arg(64)->Iterations(kReadIterations)->UseManualTime()
+      ->ArgNames({"buffer_kib", "child_cpu"})->Args({64, 0})->Iterations(kReadIterations)->UseManualTime()
       ->Unit(benchmark::kMillisecond);
-  benchmark::RegisterBenchmark("BM_TerminateTreeProcessGroup", BM_TerminateTree, Containment::kProcessGroup)
-      ->Iterations(kTreeIterations)->UseManualTime()->Unit(benchmark::kMillisecond);
-  benchmark::RegisterBenchmark("BM_TerminateTreePidNamespace", BM_TerminateTree, Containment::kPidNamespace)
-      ->Iterations(kTreeIterations)->UseManualTime()->Unit(benchmark::kMillisecond);
+  for (const Containment containment : {Containment::kProcessGroup, Containment::kPidNamespace}) {
+    benchmark::RegisterBenchmark(containment == Containment::kProcessGroup ? "BM_TerminateTreeProcessGroup"
+                                                                           : "BM_TerminateTreePidNamespace",
+                                 BM_TerminateTree, containment)
+        ->Iterations(kTreeIterations)->UseManualTime()->Unit(benchmark::kMillisecond);
+  }
   // The loaded parent cannot be undone cheaply: its runs come last.
   register_starts(1);
   benchmark::RunSpecifiedBenchmarks();
