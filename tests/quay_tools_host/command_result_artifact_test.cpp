@@ -73,6 +73,7 @@ struct RefusalCase {
   int category;
   int code;
   const char* message;
+  const char* install_dir = nullptr;  // the fixture's when null
 };
 
 const RefusalCase kRefusals[] = {
@@ -90,6 +91,9 @@ const RefusalCase kRefusals[] = {
     {"missing_parent", "{root}/missing/a.json", 6, ENOENT,
      "inspect file command result directory failed: No such file or directory"},
     {"parent_is_file", "{root}/file.txt/a.json", 3, 0, "file command result directory is unavailable"},
+    // A relative profile directory is refused, so there is no root for anything to lie below.
+    {"no_root", "{root}/a.json", 3, 0, "file command result artifact escapes the runtime artifact root",
+     "p/sandbox_envs_dir"},
 };
 
 void PrintTo(const RefusalCase& c, std::ostream* out) { *out << c.name; }
@@ -99,7 +103,8 @@ class ArtifactRefusal : public ArtifactTest, public ::testing::WithParamInterfac
 TEST_P(ArtifactRefusal, FailsAndLeavesTheDiskAsItWas) {
   const RefusalCase& c = GetParam();
   const auto before = Snapshot(base_);
-  const CommandResult result = Write(SearchResult("a.txt"), Expand(c.result_file));
+  const CommandResult result = WriteResultArtifact(SearchResult("a.txt"), Expand(c.result_file),
+                                                  c.install_dir != nullptr ? c.install_dir : install_dir_);
   ASSERT_FALSE(result.ok);
   EXPECT_EQ(result.error->category, c.category);
   EXPECT_EQ(result.error->code, c.code);
