@@ -124,6 +124,25 @@ TEST_F(FileGrepTest, RgMustStayWhereInitializeFoundIt) {
             "RG_NOT_FOUND: activated rg executable is unavailable");
 }
 
+TEST_F(FileGrepTest, AResultFileTakesTheWholeAnswer) {
+  ASSERT_TRUE(Call("internal:initialize", {{"rg_executable", kRg}, {"install_dir", P("sandbox_envs_dir")}})
+                  .value("ok", false));
+  fs::create_directories(root_ / "brimo_stack");
+  dir_.WriteFile("src/a.txt", "needle\n");
+  const json params = {{"pattern", "needle"}, {"path", P("src")}, {"result_file", P("brimo_stack/out.json")}};
+  EXPECT_EQ(Call("file_grep", params), json({{"ok", true}}));
+  EXPECT_EQ(quay_test::ReadWholeFile(root_ / "brimo_stack/out.json"),
+            json({{"ok", true},
+                  {"outputs", {{{"data", {{"output", P("src/a.txt") + ":1:needle\n"}, {"truncated", false}}},
+                                {"type", "json"}}}}})
+                .dump());
+  // Never replaced; and a failed search writes nothing.
+  EXPECT_EQ(Refusal("file_grep", params, 3, 0), "file command result artifact already exists");
+  EXPECT_EQ(Refusal("file_grep", {{"pattern", ""}, {"result_file", P("brimo_stack/other.json")}}, 7, 1),
+            "INVALID_GREP_PATTERN: pattern is empty");
+  EXPECT_FALSE(fs::exists(root_ / "brimo_stack/other.json"));
+}
+
 // rg blocks on opening a FIFO that has no writer: a search that never ends by itself.
 TEST_F(FileGrepTest, ATimeLimitStopsRgAndTheHostLeavesNothingBehind) {
   const fs::path fifo = root_ / "fifo";
