@@ -14,6 +14,9 @@ namespace {
 // No path that rg prints holds this many ":<digits>:" shapes, and each one tried costs a path
 // resolution: a line that would need more is dropped rather than decided.
 constexpr size_t kMaxCandidatesPerLine = 32;
+// Verdicts kept per output: an output of a few files needs a handful, and one whose every line
+// is a new candidate must not hold them all.
+constexpr size_t kMaxCachedVerdicts = 65536;
 
 bool IsDigit(char c) { return c >= '0' && c <= '9'; }
 bool IsFieldMark(char c) { return c == ':' || c == '-'; }
@@ -61,7 +64,7 @@ class CandidateDecider {
     key_.assign(candidate);
     if (const auto found = verdicts_.find(key_); found != verdicts_.end()) return found->second;
     const Verdict verdict = Resolve(candidate);
-    verdicts_.emplace(key_, verdict);
+    if (verdicts_.size() < kMaxCachedVerdicts) verdicts_.emplace(key_, verdict);
     return verdict;
   }
 
