@@ -31,6 +31,14 @@ namespace brimo_stack {
 // code 1) for a relative one. POSIX gives an absolute text back unchanged.
 [[nodiscard]] CommandResult ToExtendedLengthPath(std::string_view path_text, std::string& out);
 
+// The text without the platform's long-path prefix ("\\?\UNC\" becomes "\\"); POSIX has no
+// such prefix, so the text comes back as it is.
+[[nodiscard]] std::string WithoutLongPathPrefix(std::string_view path_text);
+
+// The longest path text the system takes in one call (PATH_MAX less its NUL here); a longer one
+// fails with the system's own error, so a text beyond it names nothing that can be opened.
+[[nodiscard]] size_t LongestPathText();
+
 // True when the path begins at a root: a root name followed by a separator on Win32, "/" here.
 [[nodiscard]] bool IsFullyQualifiedPath(const std::filesystem::path& path);
 

@@ -1,6 +1,8 @@
 // Path text on POSIX: '/' is the only separator, names are bytes, and there is no long form.
 #include "brimo_stack_common/path_text.h"
 
+#include <climits>
+
 namespace brimo_stack {
 
 std::filesystem::path PrepareWidePath(std::string_view utf8_path) {
@@ -26,6 +28,10 @@ CommandResult ToExtendedLengthPath(std::string_view path_text, std::string& out)
   out.assign(path_text);
   return CommandResult::Success();
 }
+
+std::string WithoutLongPathPrefix(std::string_view path_text) { return std::string(path_text); }
+
+size_t LongestPathText() { return PATH_MAX - 1; }
 
 bool IsFullyQualifiedPath(const std::filesystem::path& path) {
   const std::string& text = path.native();
