@@ -3,8 +3,8 @@
 #include "quay_tools_host/search/ripgrep_process.h"
 
 #include <gtest/gtest.h>
-#include <sys/stat.h>
 
+#include <algorithm>
 #include <chrono>
 #include <fstream>
 #include <future>
