@@ -1,0 +1,329 @@
+// One run of rg: the child, its two capped readers, the time limit and the stop sequence.
+#include "quay_tools_host/search/ripgrep_process.h"
+
+#include <spdlog/spdlog.h>
+
+#include <algorithm>
+#include <array>
+#include <chrono>
+#include <condition_variable>
+#include <exception>
+#include <memory>
+#include <mutex>
+#include <thread>
+#include <utility>
+
+#include "brimo_stack_common/log_summary.h"
+#include "brimo_stack_common/path_text.h"
+#include "process_runtime/native_process.h"
+#include "quay_tools_host/writes/export_target.h"
+
+namespace brimo_stack::quay_tools_host::internal {
+namespace {
+
+using process_runtime::INativeProcess;
+using process_runtime::OutputRead;
+using process_runtime::ProcessLaunchOptions;
+using SteadyClock = std::chrono::steady_clock;
+
+constexpr size_t kReadBufferSize = 4096;
+constexpr uint64_t kTerminateGraceMs = 1000;
+constexpr uint64_t kKillGraceMs = 1000;
+constexpr auto kDrainWait = std::chrono::milliseconds(1000);
+
+constexpr std::array<std::string_view, 3> kPermissionEndings = {
+    ": Operation not permitted (os error 1)",
+    ": Permission denied (os error 13)",
+    ": Access is denied. (os error 5)",
+};
+
+// Shared by the run and both readers, so a reader that outlives a failed drain still owns
+// valid memory. Strings, statuses and truncation flags have one writer each; the run reads
+// them only after it saw the writer's done flag under the mutex.
+struct RipgrepProcessState {
+  std::shared_ptr<INativeProcess> process = process_runtime::CreateNativeProcess();
+  RipgrepOutput output;
+  CommandResult stdout_status;
+  CommandResult stderr_status;
+  std::mutex reader_mutex;
+  std::condition_variable reader_done;
+  bool stdout_done = false;
+  bool stderr_done = false;
+  bool stderr_truncated = false;
+};
+
+enum class OutputStream { kStdout, kStderr };
+
+struct ReaderThreads {
+  std::thread stdout_reader;
+  std::thread stderr_reader;
+};
+
+// Which readers had published when the drain ended: only their results may be read.
+struct DrainOutcome {
+  CommandResult result;
+  bool stdout_done = false;
+  bool stderr_done = false;
+};
+
+// Keeps reading and dropping past the limit so the child never stalls on a full pipe; output
+// of exactly the limit counts as truncated.
+CommandResult ReadCappedProcessOutput(INativeProcess& process, OutputStream stream, uint64_t limit,
+                                      std::string& target, bool& truncated) {
+  char buffer[kReadBufferSize];
+  for (;;) {
+    OutputRead read;
+    CommandResult status = stream == OutputStream::kStdout ? process.ReadStdout(buffer, sizeof(buffer), read)
+                                                           : process.ReadStderr(buffer, sizeof(buffer), read);
+    if (!status.ok) return status;
+    if (read.eof) return CommandResult::Success();
+    if (read.bytes_read == 0) {
+      return CommandResult::Failure(kCategoryInternal, 0, "process output read returned no data before eof");
+    }
+    if (target.size() < limit) {
+      target.append(buffer, static_cast<size_t>(std::min<uint64_t>(read.bytes_read, limit - target.size())));
+    }
+    if (read.bytes_read > limit || target.size() >= limit) truncated = true;
+  }
+}
+
+// The status is stored before the done flag is set under the mutex: a flag seen true proves
+// that the status and the string are complete.
+void RunReader(std::shared_ptr<RipgrepProcessState> state, OutputStream stream, uint64_t limit) {
+  const bool is_stdout = stream == OutputStream::kStdout;
+  CommandResult status;
+  try {
+    status = is_stdout ? ReadCappedProcessOutput(*state->process, stream, limit, state->output.stdout_text,
+                                                 state->output.stdout_truncated)
+                       : ReadCappedProcessOutput(*state->process, stream, limit, state->output.stderr_text,
+                                                 state->stderr_truncated);
+  } catch (const std::exception& error) {
+    // An unlimited stdout can outgrow memory; that fails the run, not the host.
+    status = CommandResult::Failure(kCategoryInternal, 0, std::string("rg output reader failed: ") + error.what());
+  }
+  (is_stdout ? state->stdout_status : state->stderr_status) = std::move(status);
+  {
+    std::lock_guard lock(state->reader_mutex);
+    (is_stdout ? state->stdout_done : state->stderr_done) = true;
+  }
+  state->reader_done.notify_all();
+}
+
+// Joined after a good drain, so a finished run leaves no thread behind; detached only when a
+// reader is still stuck after the reads were cancelled.
+DrainOutcome DrainRipgrepReaders(RipgrepProcessState& state, ReaderThreads& readers) {
+  const auto both_done = [&state] { return state.stdout_done && state.stderr_done; };
+  DrainOutcome outcome;
+  bool drained = false;
+  {
+    std::unique_lock lock(state.reader_mutex);
+    drained = state.reader_done.wait_until(lock, SteadyClock::now() + kDrainWait, both_done);
+  }
+  if (!drained) {
+    state.process->CancelReads();
+    std::unique_lock lock(state.reader_mutex);
+    drained = state.reader_done.wait_until(lock, SteadyClock::now() + kDrainWait, both_done);
+  }
+  {
+    std::lock_guard lock(state.reader_mutex);
+    outcome.stdout_done = state.stdout_done;
+    outcome.stderr_done = state.stderr_done;
+  }
+  for (std::thread* reader : {&readers.stdout_reader, &readers.stderr_reader}) {
+    if (!reader->joinable()) continue;
+    if (drained) {
+      reader->join();
+    } else {
+      reader->detach();
+    }
+  }
+  if (!drained) outcome.result = CommandResult::Failure(kCategoryInternal, 0, "GREP_FAILED: failed to drain rg output");
+  return outcome;
+}
+
+// Takes only what a finished reader wrote; an unfinished one may still be writing and counts
+// as empty. Nothing reads the state's strings after this.
+void TakeFinishedOutput(RipgrepProcessState& state, const DrainOutcome& drain, RipgrepOutput& output,
+                        bool& stderr_truncated) {
+  output = RipgrepOutput{};
+  stderr_truncated = false;
+  if (drain.stdout_done) {
+    output.stdout_text = std::move(state.output.stdout_text);
+    output.stdout_truncated = state.output.stdout_truncated;
+  }
+  if (drain.stderr_done) {
+    output.stderr_text = std::move(state.output.stderr_text);
+    stderr_truncated = state.stderr_truncated;
+  }
+}
+
+int64_t MillisecondsSince(SteadyClock::time_point start) {
+  return std::chrono::duration_cast<std::chrono::milliseconds>(SteadyClock::now() - start).count();
+}
+
+bool OnlyLineEnds(std::string_view text) { return text.find_first_not_of("\r\n") == std::string_view::npos; }
+
+std::string_view WithoutTrailingLineEnds(std::string_view text) {
+  const size_t end = text.find_last_not_of("\r\n");
+  return end == std::string_view::npos ? std::string_view() : text.substr(0, end + 1);
+}
+
+// Logs a failed cleanup step, by its numbers when the failure carries them.
+void LogCleanupFailure(std::string_view stage, const CommandResult& failure) {
+  if (failure.error.has_value()) {
+    SPDLOG_ERROR("rg_process_cleanup_failed operation=grep stage={} category={} code={}", stage,
+                 failure.error->category, failure.error->code);
+  } else {
+    SPDLOG_ERROR("rg_process_cleanup_failed operation=grep stage={} reason=missing_error", stage);
+  }
+}
+
+bool PermissionLineInsideRoot(std::string_view line, const std::filesystem::path& root) {
+  constexpr std::string_view kPrefix = "rg: ";
+  if (!line.starts_with(kPrefix)) return false;
+  const auto ending = std::find_if(kPermissionEndings.begin(), kPermissionEndings.end(),
+                                   [line](std::string_view end) { return line.ends_with(end); });
+  if (ending == kPermissionEndings.end() || line.size() <= ending->size() + kPrefix.size()) return false;
+  std::filesystem::path path = PathFromUtf8(line.substr(kPrefix.size(), line.size() - kPrefix.size() - ending->size()));
+  if (!IsFullyQualifiedPath(path)) path = root / path;
+  path = path.lexically_normal();
+  return IsPathInsideRoot(path, root) && !IsPathInsideRoot(root, path);
+}
+
+// Ends a child whose readers could not all be started; the started one ends once the child is
+// gone or the reads are cancelled.
+CommandResult AbandonRun(RipgrepProcessState& state, ReaderThreads& readers, const std::exception& error) {
+  SPDLOG_ERROR("rg process reader start failed, process_role=rg, error={}", error.what());
+  state.process->Terminate();
+  uint32_t exit_code = 0;
+  CommandResult waited = state.process->Wait(kTerminateGraceMs, exit_code);
+  if (!waited.ok) {
+    state.process->Kill();
+    waited = state.process->Wait(kKillGraceMs, exit_code);
+    if (!waited.ok) LogCleanupFailure("wait_after_kill", waited);
+  }
+  state.process->CancelReads();
+  if (readers.stdout_reader.joinable()) readers.stdout_reader.join();
+  return CommandResult::Failure(kCategoryInternal, 0,
+                                std::string("GREP_FAILED: failed to start rg output reader: ") + error.what());
+}
+
+CommandResult ResultOfFinishedRun(const RipgrepProcessState& state, const DrainOutcome& drain, uint32_t exit_code,
+                                  bool stderr_truncated, const std::filesystem::path& root, RipgrepOutput& output) {
+  if (drain.stdout_done && !state.stdout_status.ok) return state.stdout_status;
+  if (drain.stderr_done && !state.stderr_status.ok) return state.stderr_status;
+  if (!drain.result.ok) return drain.result;
+  if (static_cast<int32_t>(exit_code) <= 1) return CommandResult::Success();
+  if (IsPermissionOnlyStderr(output.stderr_text, stderr_truncated, root)) {
+    output.permission_errors_only = true;
+    return CommandResult::Success();
+  }
+  if (OnlyLineEnds(output.stderr_text)) {
+    return CommandResult::Failure(kCategoryRefused, 1, "GREP_FAILED: rg exited unsuccessfully");
+  }
+  return CommandResult::Failure(kCategoryRefused, 1,
+                                "GREP_FAILED: " + std::string(WithoutTrailingLineEnds(output.stderr_text)));
+}
+
+// Terminate, then Kill, each with its grace, then the drain; the first Wait's failure is what
+// the caller hears, a time limit in grep's own words.
+CommandResult StopOverrunRun(RipgrepProcessState& state, ReaderThreads& readers, CommandResult first_failure,
+                             SteadyClock::time_point started, RipgrepOutput& output) {
+  const int32_t category = first_failure.error ? first_failure.error->category : 0;
+  const int32_t code = first_failure.error ? first_failure.error->code : 0;
+  SPDLOG_WARN("rg process wait failed, process_role=rg, stage=terminate, category={}, code={}", category, code);
+  state.process->Terminate();
+  uint32_t exit_code = 0;
+  CommandResult waited = state.process->Wait(kTerminateGraceMs, exit_code);
+  if (!waited.ok) {
+    if (waited.error.has_value()) {
+      SPDLOG_WARN("rg_process_cleanup_failed operation=grep stage=wait_after_terminate category={} code={}",
+                  waited.error->category, waited.error->code);
+    } else {
+      SPDLOG_ERROR("rg_process_cleanup_failed operation=grep stage=wait_after_terminate reason=missing_error");
+    }
+    SPDLOG_WARN("rg process terminate grace expired, process_role=rg, stage=kill");
+    state.process->Kill();
+    exit_code = 0;
+    waited = state.process->Wait(kKillGraceMs, exit_code);
+    if (!waited.ok) LogCleanupFailure("wait_after_kill", waited);
+  }
+  // A descendant that left the child's reach may still hold the pipes.
+  state.process->CancelReads();
+  const DrainOutcome drain = DrainRipgrepReaders(state, readers);
+  if (!drain.result.ok) LogCleanupFailure("drain_readers", drain.result);
+  bool stderr_truncated = false;
+  TakeFinishedOutput(state, drain, output, stderr_truncated);
+  SPDLOG_WARN("rg process cleanup completed, process_role=rg, stdout_bytes={}, stderr_bytes={}, duration_ms={}",
+              output.stdout_text.size(), output.stderr_text.size(), MillisecondsSince(started));
+  if (category == kCategoryTimeout && code == 5) first_failure.error->message = "GREP_TIMEOUT: rg exceeded timeout_ms";
+  return first_failure;
+}
+
+}  // namespace
+
+CommandResult RunRipgrepProcess(const RipgrepRun& run, RipgrepOutput& output) {
+  output = RipgrepOutput{};
+  const auto state = std::make_shared<RipgrepProcessState>();
+  ProcessLaunchOptions options;
+  options.executable = PathToUtf8(run.rg_path);
+  options.arguments = run.arguments;
+  options.cwd = PathToUtf8(run.cwd);
+  options.base_env = std::string(run.base_env);
+  options.environment_mode = run.environment_mode;
+  options.transport = 0;
+  options.sbox_log_dir = std::string(run.sbox_log_dir);
+  options.sbox_dump_dir = std::string(run.sbox_dump_dir);
+
+  const SteadyClock::time_point started = SteadyClock::now();
+  SPDLOG_DEBUG("rg process started, process_role=rg, cwd={}, root={}, argument_count={}, base_env_bytes={}",
+               SummarizePathForLog(run.cwd), SummarizePathForLog(run.root), run.arguments.size(), run.base_env.size());
+  CommandResult start = state->process->Start(options);
+  if (!start.ok) {
+    SPDLOG_ERROR("rg process launch failed, process_role=rg, category={}, code={}",
+                 start.error ? start.error->category : 0, start.error ? start.error->code : 0);
+    return start;
+  }
+  state->process->CloseStdin();
+
+  ReaderThreads readers;
+  try {
+    readers.stdout_reader = std::thread(RunReader, state, OutputStream::kStdout, run.stdout_limit);
+    readers.stderr_reader = std::thread(RunReader, state, OutputStream::kStderr, kRipgrepStderrLimit);
+  } catch (const std::exception& error) {
+    return AbandonRun(*state, readers, error);
+  }
+
+  uint32_t exit_code = 0;
+  CommandResult waited = state->process->Wait(run.timeout_ms, exit_code);
+  if (!waited.ok) return StopOverrunRun(*state, readers, std::move(waited), started, output);
+
+  const DrainOutcome drain = DrainRipgrepReaders(*state, readers);
+  bool stderr_truncated = false;
+  TakeFinishedOutput(*state, drain, output, stderr_truncated);
+  SPDLOG_DEBUG(
+      "rg process completed, process_role=rg, exit_code={}, stdout_bytes={}, stderr_bytes={}, stdout_truncated={}, "
+      "stderr_truncated={}, duration_ms={}",
+      exit_code, output.stdout_text.size(), output.stderr_text.size(), output.stdout_truncated, stderr_truncated,
+      MillisecondsSince(started));
+  return ResultOfFinishedRun(*state, drain, exit_code, stderr_truncated, run.root, output);
+}
+
+bool IsPermissionOnlyStderr(std::string_view stderr_text, bool stderr_truncated, const std::filesystem::path& root) {
+  if (stderr_truncated || stderr_text.empty()) return false;
+  const std::filesystem::path normal_root = root.lexically_normal();
+  bool any_line = false;
+  size_t begin = 0;
+  while (begin <= stderr_text.size()) {
+    const size_t end = std::min(stderr_text.find('\n', begin), stderr_text.size());
+    std::string_view line = stderr_text.substr(begin, end - begin);
+    begin = end + 1;
+    if (line.ends_with('\r')) line.remove_suffix(1);
+    if (line.empty()) continue;
+    if (!PermissionLineInsideRoot(line, normal_root)) return false;
+    any_line = true;
+  }
+  return any_line;
+}
+
+}  // namespace brimo_stack::quay_tools_host::internal
