@@ -58,7 +58,7 @@ TEST_F(FileGrepTest, FindsLinesAndDropsWhatThePolicyRefuses) {
   dir_.WriteFile("src/a.txt", "needle one\nhay\n");
   dir_.WriteFile("src/b.txt", "more hay\nneedle two\n");
   dir_.WriteFile("secret/c.txt", "needle three\n");
-  const json policy = {{"whitelist_patterns", {P("*")}}, {"blacklist_patterns", {P("secret/*")}}};
+  const json policy = {{"whitelist_patterns", {root_.native(), P("*")}}, {"blacklist_patterns", {P("secret/*")}}};
   const json data = Grep({{"pattern", "needle"}, {"policy", policy}});
   EXPECT_EQ(SortedLines(data.value("output", "")),
             (std::vector<std::string>{P("src/a.txt") + ":1:needle one", P("src/b.txt") + ":2:needle two"}));
@@ -77,7 +77,7 @@ TEST_F(FileGrepTest, RefusalsCarryTheirWords) {
   EXPECT_EQ(Refusal("file_grep", {{"pattern", "x"}, {"timeout_ms", 4611686018428}}, 7, 1), "timeout_ms is too large");
   EXPECT_EQ(Refusal("file_grep", {{"pattern", "x"}, {"path", P("missing")}}, 7, 1), "FILE_NOT_FOUND: " + P("missing"));
   EXPECT_EQ(Refusal("file_grep",
-                    {{"pattern", "x"}, {"path", P("src")}, {"policy", {{"whitelist_patterns", {P("src/a.txt")}}}}},
+                    {{"pattern", "x"}, {"path", P("src")}, {"policy", {{"whitelist_patterns", {P("src"), P("src/a.txt")}}}}},
                     7, 1),
             "FILE_ACCESS_DENIED: grep root is not recursively covered by the whitelist");
   const std::string failed = Refusal("file_grep", {{"pattern", "x"}, {"path", P("src")}, {"type", "no-such-type"}}, 7, 1);

@@ -178,14 +178,20 @@ void LogCleanupFailure(std::string_view stage, const CommandResult& failure) {
   }
 }
 
+// rg from version 14 heads such a line with "rg: "; the rg 13 of this platform's packages prints
+// the path alone, so without the head the path must be absolute to count.
 bool PermissionLineInsideRoot(std::string_view line, const std::filesystem::path& root) {
   constexpr std::string_view kPrefix = "rg: ";
-  if (!line.starts_with(kPrefix)) return false;
+  const bool headed = line.starts_with(kPrefix);
   const auto ending = std::find_if(kPermissionEndings.begin(), kPermissionEndings.end(),
                                    [line](std::string_view end) { return line.ends_with(end); });
-  if (ending == kPermissionEndings.end() || line.size() <= ending->size() + kPrefix.size()) return false;
-  std::filesystem::path path = PathFromUtf8(line.substr(kPrefix.size(), line.size() - kPrefix.size() - ending->size()));
-  if (!IsFullyQualifiedPath(path)) path = root / path;
+  const size_t head = headed ? kPrefix.size() : 0;
+  if (ending == kPermissionEndings.end() || line.size() <= ending->size() + head) return false;
+  std::filesystem::path path = PathFromUtf8(line.substr(head, line.size() - head - ending->size()));
+  if (!IsFullyQualifiedPath(path)) {
+    if (!headed) return false;
+    path = root / path;
+  }
   path = path.lexically_normal();
   return IsPathInsideRoot(path, root) && !IsPathInsideRoot(root, path);
 }
