@@ -1,6 +1,7 @@
 // The line filter over rg's output: the decision that the command-line globs only prepare.
 #include "quay_tools_host/search/grep_output_filter.h"
 
+#include <optional>
 #include <string_view>
 #include <system_error>
 #include <unordered_map>
@@ -72,11 +73,8 @@ class CandidateDecider {
     std::filesystem::path logical = PrepareWidePath(candidate);
     if (!IsFullyQualifiedPath(logical)) logical = base_ / logical;
     logical = NormalizeFilePath(logical, /*force_long=*/false);
-    const std::filesystem::path parent = logical.parent_path();
-    if (!parent.empty() && !MayHoldEntries(parent)) return Verdict::kUnresolved;
-    std::error_code error;
-    const std::filesystem::path real = std::filesystem::canonical(logical, error);
-    if (error) return Verdict::kUnresolved;
+    std::filesystem::path real;
+    if (!RealPathOf(logical, real)) return Verdict::kUnresolved;
     if (!CheckFileAccess(policy_, PathToUtf8(logical)).ok) return Verdict::kRefused;
     if (!CheckFileAccess(policy_, PathToUtf8(NormalizeFilePath(real, /*force_long=*/false))).ok) {
       return Verdict::kRefused;
@@ -84,22 +82,47 @@ class CandidateDecider {
     return Verdict::kAllowed;
   }
 
-  // Nothing below a directory that does not resolve can; one look per directory spares a
-  // resolution per line when every line yields new candidates, as the lines of one file do.
-  bool MayHoldEntries(const std::filesystem::path& directory) {
-    const auto [entry, inserted] = directories_.try_emplace(directory.native(), false);
+  // The canonical path, with the directory's part resolved once per directory: the files of one
+  // directory then cost one look at the last name each, unless that name is itself a link.
+  bool RealPathOf(const std::filesystem::path& logical, std::filesystem::path& real) {
+    const std::filesystem::path parent = logical.parent_path();
+    const std::filesystem::path name = logical.filename();
+    std::error_code error;
+    if (parent.empty() || name.empty() || name == "." || name == "..") {
+      real = std::filesystem::canonical(logical, error);
+      return !error;
+    }
+    const std::filesystem::path* directory = RealDirectory(parent);
+    if (directory == nullptr) return false;
+    const std::filesystem::file_status status = std::filesystem::symlink_status(logical, error);
+    if (error || !std::filesystem::exists(status)) return false;
+    if (std::filesystem::is_symlink(status)) {
+      real = std::filesystem::canonical(logical, error);
+      return !error;
+    }
+    real = *directory / name;
+    return true;
+  }
+
+  // The real path of a directory, or null when it does not resolve to one; nothing below such a
+  // directory can resolve either.
+  const std::filesystem::path* RealDirectory(const std::filesystem::path& directory) {
+    // A fresh start past the cap keeps the memory of one call bounded, whatever it prints.
+    if (directories_.size() >= kMaxCachedVerdicts) directories_.clear();
+    auto [entry, inserted] = directories_.try_emplace(directory.native());
     if (inserted) {
       std::error_code error;
-      entry->second = std::filesystem::is_directory(directory, error) && !error;
+      std::filesystem::path real = std::filesystem::canonical(directory, error);
+      if (!error && std::filesystem::is_directory(real, error) && !error) entry->second = std::move(real);
     }
-    return entry->second;
+    return entry->second ? &*entry->second : nullptr;
   }
 
   const std::filesystem::path& base_;
   const FileAccessPolicy& policy_;
   std::string key_;
   std::unordered_map<std::string, Verdict> verdicts_;
-  std::unordered_map<std::string, bool> directories_;
+  std::unordered_map<std::string, std::optional<std::filesystem::path>> directories_;
 };
 
 // rg prints the paths under the form of `target` it was given; the caller gets them without a
