@@ -143,6 +143,42 @@ TEST_F(FileGrepTest, AResultFileTakesTheWholeAnswer) {
   EXPECT_FALSE(fs::exists(root_ / "brimo_stack/other.json"));
 }
 
+// A stand-in for rg that reports where it runs and what it was given.
+TEST_F(FileGrepTest, RgRunsInTheRootWithTheRequestsEnvironment) {
+  dir_.WriteFile("fake-rg", "#!/bin/sh\necho \"cwd=$(pwd) mark=$QUAY_MARK home=${HOME-unset} last=$(eval echo \\${$#})\"\n");
+  ::chmod(P("fake-rg").c_str(), 0755);
+  ASSERT_TRUE(Call("internal:initialize", {{"rg_executable", P("fake-rg")}}).value("ok", false));
+  dir_.WriteFile("src/a.txt", "x\n");
+  EXPECT_EQ(Grep({{"pattern", "x"}, {"path", "src"}, {"base_env", R"({"QUAY_MARK":"on","HOME":"/h"})"}})["output"],
+            "cwd=" + P("src") + " mark=on home=/h last=" + P("src") + "\n");
+  // Mode 1 starts from the short list, which HOME belongs to and the test's own variables do not.
+  ::setenv("QUAY_MARK", "inherited", 1);
+  quay_test::HostProcess host = quay_test::HostProcess::WithConfig(quay_test::DefaultLaunchConfig(), {"QUAY_MARK=inherited"});
+  ::unsetenv("QUAY_MARK");
+  ASSERT_TRUE(host.Call({{"method", "internal:initialize"}, {"params", {{"rg_executable", P("fake-rg")}}}}).value("ok", false));
+  const auto output = [&](int mode) {
+    return host.Call({{"method", "file_grep"},
+                      {"params", {{"pattern", "x"}, {"path", P("src/a.txt")}, {"environment_mode", mode}}}})["outputs"][0]
+        ["data"]["output"]
+            .get<std::string>();
+  };
+  EXPECT_NE(output(0).find(" mark=inherited "), std::string::npos) << output(0);
+  EXPECT_NE(output(1).find(" mark= "), std::string::npos) << output(1);
+  EXPECT_NE(output(1).find("cwd=" + P("src") + " "), std::string::npos) << output(1);
+}
+
+TEST_F(FileGrepTest, OddBytesAndBinaryFilesAreAnsweredAndTheHostGoesOn) {
+  dir_.WriteFile("src/bad\xff.txt", "needle \xfe here\n");
+  dir_.WriteFile("src/bin.dat", std::string("needle\0\x01\x02 and more\n", 19));
+  dir_.WriteFile("src/plain.txt", "needle\n");
+  const json data = Grep({{"pattern", "needle"}, {"path", "src"}});
+  const std::string output = data.value("output", "");
+  EXPECT_NE(output.find(P("src/plain.txt") + ":1:needle\n"), std::string::npos) << output;
+  // The frame carries ill-formed bytes as U+FFFD.
+  EXPECT_NE(output.find(P("src/bad") + "\xef\xbf\xbd.txt:1:needle \xef\xbf\xbd here"), std::string::npos) << output;
+  EXPECT_EQ(Call("ping", json::object()), json({{"ok", true}}));
+}
+
 // rg blocks on opening a FIFO that has no writer: a search that never ends by itself.
 TEST_F(FileGrepTest, ATimeLimitStopsRgAndTheHostLeavesNothingBehind) {
   const fs::path fifo = root_ / "fifo";
