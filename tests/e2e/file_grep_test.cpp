@@ -152,9 +152,7 @@ TEST_F(FileGrepTest, RgRunsInTheRootWithTheRequestsEnvironment) {
   EXPECT_EQ(Grep({{"pattern", "x"}, {"path", "src"}, {"base_env", R"({"QUAY_MARK":"on","HOME":"/h"})"}})["output"],
             "cwd=" + P("src") + " mark=on home=/h last=" + P("src") + "\n");
   // Mode 1 starts from the short list, which HOME belongs to and the test's own variables do not.
-  ::setenv("QUAY_MARK", "inherited", 1);
   quay_test::HostProcess host = quay_test::HostProcess::WithConfig(quay_test::DefaultLaunchConfig(), {"QUAY_MARK=inherited"});
-  ::unsetenv("QUAY_MARK");
   ASSERT_TRUE(host.Call({{"method", "internal:initialize"}, {"params", {{"rg_executable", P("fake-rg")}}}}).value("ok", false));
   const auto output = [&](int mode) {
     return host.Call({{"method", "file_grep"},
