@@ -21,7 +21,7 @@ using Clock = std::chrono::steady_clock;
 
 // A descendant that reports its pid on the inherited stdout and then waits. Below a PID namespace
 // $$ is the namespace's number; /proc, opened by the shell itself, gives the host's.
-constexpr const char* kReporter = "sh -c 'read -r pid rest </proc/self/stat; echo $pid; exec sleep 60'";
+const std::string kReporterText = "sh -c 'read -r pid rest </proc/self/stat; echo $pid; exec sleep 60'";
 
 // The pids of the first `count` lines of `out`, once they have arrived.
 std::vector<pid_t> CollectPids(StreamCollector& out, size_t count) {
@@ -58,9 +58,8 @@ struct TreeCase {
   const char* name;
   std::string script;
   size_t descendants;
-  bool use_kill;
-  // The child ends on a line of input and leaves its descendants holding its stdout.
-  bool child_exits;
+  // child_exits: the child ends on a line of input and leaves its descendants holding its stdout.
+  bool use_kill, child_exits;
 };
 
 class ProcessTreeTest : public testing::TestWithParam<std::tuple<TreeCase, Containment>> {};
@@ -102,7 +101,6 @@ TEST_P(ProcessTreeTest, TerminateEndsEveryDescendantAndTheReads) {
   EXPECT_FALSE(HasChildren());
 }
 
-const std::string kReporterText = kReporter;
 const auto kCaseName = [](const auto& info) {
   return std::get<0>(info.param).name + std::to_string(static_cast<int>(std::get<1>(info.param)));
 };
@@ -159,19 +157,18 @@ TEST_P(ProcessCountsTest, FollowTheTreeAgainstTheBaseline) {
   ASSERT_TRUE(process->Start(ShellOptions("read go; sleep 60 & sleep 60 & echo ready; wait")).ok);
   StreamCollector out(*process, Stream::kStdout);
   ASSERT_TRUE(process->CaptureBaselineProcesses().ok);
-  process_runtime::ProcessCounts counts;
-  ASSERT_TRUE(process->CountProcesses(counts).ok);
-  EXPECT_EQ(counts.total, 1u);
-  EXPECT_EQ(counts.not_in_baseline, 0u);
+  const auto expect_counts = [&](uint32_t total, uint32_t not_in_baseline) {
+    process_runtime::ProcessCounts counts;
+    ASSERT_TRUE(process->CountProcesses(counts).ok);
+    EXPECT_EQ(counts.total, total);
+    EXPECT_EQ(counts.not_in_baseline, not_in_baseline);
+  };
+  expect_counts(1, 0);
   ASSERT_TRUE(process->WriteStdin("go\n").ok);
   ASSERT_TRUE(out.WaitForText("ready", 5s));
-  ASSERT_TRUE(process->CountProcesses(counts).ok);
-  EXPECT_EQ(counts.total, 3u);
-  EXPECT_EQ(counts.not_in_baseline, 2u);
+  expect_counts(3, 2);
   EXPECT_EQ(TerminateAndWait(*process), 137u);
-  ASSERT_TRUE(process->CountProcesses(counts).ok);
-  EXPECT_EQ(counts.total, 0u);
-  EXPECT_EQ(counts.not_in_baseline, 0u);
+  expect_counts(0, 0);
 }
 
 INSTANTIATE_TEST_SUITE_P(Containments, ProcessCountsTest, testing::ValuesIn(kAllContainments));

@@ -112,15 +112,10 @@ TEST_P(TerminalViewTest, ChildRunsOnItsControllingTerminal) {
   EXPECT_TRUE(read.eof);
   EXPECT_EQ(read.bytes_read, 0u);
   EXPECT_LT(Clock::now() - started, 1s);
-  std::string out;
-  {
-    StreamCollector collector(*process, Stream::kStdout);
-    EXPECT_TRUE(collector.WaitForEnd(10s));
-    out = collector.Text();
-  }
-  uint32_t exit_code = 1;
-  ASSERT_TRUE(process->Wait(5000, exit_code).ok);
-  EXPECT_EQ(exit_code, 0u);
+  StreamCollector collector(*process, Stream::kStdout);
+  EXPECT_TRUE(collector.WaitForEnd(10s));
+  EXPECT_EQ(WaitForExit(*process), 0u);
+  const std::string out = collector.Text();
   const nlohmann::json view = nlohmann::json::parse(out.substr(0, out.find('\r')));
   EXPECT_EQ(view["tty"], nlohmann::json({true, true, true}));
   EXPECT_EQ(view["size"], nlohmann::json({"120x30", "120x30", "120x30"}));
@@ -150,20 +145,15 @@ TEST(TerminalTransport, StdinLineEndsBecomeTerminalLineEnds) {
   ASSERT_TRUE(out.WaitForText("ready", 10s));
   ASSERT_TRUE(process->WriteStdin("one\ntwo\r\nthree\rfour").ok);
   ASSERT_TRUE(process->WriteStdin("!").ok);
-  EXPECT_TRUE(out.WaitForText("got=", 10s));
   EXPECT_TRUE(out.WaitForEnd(10s));
   EXPECT_NE(out.Text().find(R"(got="one\r\ntwo\r\nthree\r\nfour!")"), std::string::npos) << out.Text();
-  uint32_t exit_code = 1;
-  ASSERT_TRUE(process->Wait(5000, exit_code).ok);
-  EXPECT_EQ(exit_code, 0u);
+  EXPECT_EQ(WaitForExit(*process), 0u);
 }
 
 struct ProbeCase {
   const char* spelling;
   bool passes;
 };
-
-void PrintTo(const ProbeCase& c, std::ostream* out) { *out << c.spelling; }
 
 class ReadyProbeTest : public testing::TestWithParam<ProbeCase> {};
 
@@ -178,7 +168,6 @@ TEST_P(ReadyProbeTest, MarkerDecidesBetweenTerminalAndPipes) {
   ASSERT_TRUE(process->Start(options).ok);
   const auto took = Clock::now() - started;
   EXPECT_EQ(process->UsesConpty(), c.passes);
-  uint32_t exit_code = 1;
   if (c.passes) {
     EXPECT_LT(took, 5s);
     StreamCollector out(*process, Stream::kStdout);
@@ -190,9 +179,12 @@ TEST_P(ReadyProbeTest, MarkerDecidesBetweenTerminalAndPipes) {
     StreamCollector out(*process, Stream::kStdout);
     StreamCollector err(*process, Stream::kStderr);
   }
-  ASSERT_TRUE(process->Wait(5000, exit_code).ok);
-  EXPECT_EQ(exit_code, c.passes ? 0u : 7u);
+  EXPECT_EQ(WaitForExit(*process), c.passes ? 0u : 7u);
 }
+
+INSTANTIATE_TEST_SUITE_P(Spellings, ReadyProbeTest,
+                         testing::Values(ProbeCase{"plain", true}, ProbeCase{"split", true}, ProbeCase{"none", false}),
+                         [](const auto& info) { return std::string(info.param.spelling); });
 
 // The fallback is seen only in the log: the line names the stage, the role and the ids, and the
 // instance id only as its hash.
@@ -214,9 +206,7 @@ TEST(ReadyProbe, AChildThatEndsBeforeTheMarkerFallsBackWithOneWarning) {
   spdlog::set_default_logger(previous);
   ASSERT_TRUE(started.ok) << started.error->message;
   EXPECT_FALSE(process->UsesConpty());
-  uint32_t exit_code = 1;
-  ASSERT_TRUE(process->Wait(5000, exit_code).ok);
-  EXPECT_EQ(exit_code, 7u);
+  EXPECT_EQ(WaitForExit(*process), 7u);
   const std::string text = log.str();
   EXPECT_NE(text.find("warning shell_process_start_conpty_failed fallback=pipe transport_stage=ready_probe_read "
                       "process_role=file_worker sdk_call_id=call-1 task_id=task-1 instance_id_hash=" +
@@ -225,12 +215,6 @@ TEST(ReadyProbe, AChildThatEndsBeforeTheMarkerFallsBackWithOneWarning) {
       << text;
   EXPECT_EQ(text.find("instance-secret"), std::string::npos) << text;
 }
-
-INSTANTIATE_TEST_SUITE_P(Spellings, ReadyProbeTest,
-                         testing::Values(ProbeCase{"plain", true}, ProbeCase{"split", true}, ProbeCase{"none", false}),
-                         [](const testing::TestParamInfo<ProbeCase>& info) {
-                           return std::string(info.param.spelling);
-                         });
 
 }  // namespace
 

@@ -92,11 +92,22 @@ FinishedChild RunToEnd(const process_runtime::ProcessLaunchOptions& options) {
   return finished;
 }
 
-uint32_t TerminateAndWait(process_runtime::INativeProcess& process) {
-  process.Terminate();
-  uint32_t exit_code = 0;
+uint32_t WaitForExit(process_runtime::INativeProcess& process) {
+  uint32_t exit_code = UINT32_MAX;
   EXPECT_TRUE(process.Wait(5000, exit_code).ok);
   return exit_code;
+}
+
+uint32_t TerminateAndWait(process_runtime::INativeProcess& process) {
+  process.Terminate();
+  return WaitForExit(process);
+}
+
+void ExpectError(const brimo_stack::CommandResult& result, int32_t category, int32_t code, const std::string& message) {
+  ASSERT_FALSE(result.ok) << message;
+  EXPECT_EQ(result.error->category, category) << message;
+  EXPECT_EQ(result.error->code, code) << message;
+  EXPECT_EQ(result.error->message, message);
 }
 
 bool HasChildren() {

@@ -30,8 +30,7 @@ using std::chrono::milliseconds;
 // `/bin/sh -c script` on pipes.
 [[nodiscard]] process_runtime::ProcessLaunchOptions ShellOptions(const std::string& script);
 
-// Launches in this scope use `containment` instead of the strongest the machine allows, so that
-// every road runs on a machine that has namespaces.
+// Launches in this scope use `containment`, not the strongest the machine allows: every road runs.
 class ScopedContainment {
  public:
   explicit ScopedContainment(Containment containment) { process_runtime::OverrideContainment(containment); }
@@ -76,8 +75,11 @@ struct FinishedChild {
 
 // Starts `options`, reads both streams to their end and waits for the exit.
 [[nodiscard]] FinishedChild RunToEnd(const process_runtime::ProcessLaunchOptions& options);
-// Terminates a running child and gives the exit code that Wait reports.
+// The exit code that Wait reports within 5 s; after Terminate() for TerminateAndWait.
+[[nodiscard]] uint32_t WaitForExit(process_runtime::INativeProcess& process);
 [[nodiscard]] uint32_t TerminateAndWait(process_runtime::INativeProcess& process);
+// A failed result with exactly this category, code and message.
+void ExpectError(const brimo_stack::CommandResult& result, int32_t category, int32_t code, const std::string& message);
 
 // Whether this process has a child, running or a zombie.
 [[nodiscard]] bool HasChildren();
