@@ -17,46 +17,28 @@ Arguments Build(const FileGrepRequest& request) {
 }
 
 TEST(BuildGrepArguments, EveryFieldInItsPlace) {
-  FileGrepRequest plain;
-  plain.pattern = "-e";
-  EXPECT_EQ(Build(plain), (Arguments{"--no-config", "--no-follow", "-n", "--color", "never", "-M", "200",
-                                     "--max-columns-preview", "--", "-e", "/proj"}));
+  EXPECT_EQ(Build({.pattern = "-e"}), (Arguments{"--no-config", "--no-follow", "-n", "--color", "never", "-M", "200",
+                                                 "--max-columns-preview", "--", "-e", "/proj"}));
 
-  FileGrepRequest full;
-  full.pattern = "--pre=x";
-  full.case_insensitive = true;
-  full.pattern_is_regex = false;
-  full.multiline = true;
-  full.glob = "--pre=y";
-  full.type = "-z";
-  full.context_before = 2;
-  full.context_after = 3;
-  full.head_limit = 4;
+  const FileGrepRequest full{.pattern = "--pre=x", .case_insensitive = true, .multiline = true,
+                             .pattern_is_regex = false, .glob = "--pre=y", .type = "-z", .context_before = 2,
+                             .context_after = 3, .head_limit = 4};
   EXPECT_EQ(Build(full), (Arguments{"--no-config", "--no-follow", "-n", "--color", "never", "-M", "200",
                                     "--max-columns-preview", "-i", "-F", "-U", "--multiline-dotall", "--glob=--pre=y",
                                     "--type=-z", "-B", "2", "-A", "3", "--max-count", "4", "--", "--pre=x", "/proj"}));
 
   // Output only: a regular expression always, and no cut of long lines; zeros and empties add nothing.
-  FileGrepRequest bare;
-  bare.pattern = "p";
-  bare.return_output_only = true;
-  bare.pattern_is_regex = false;
-  bare.glob = "";
-  bare.type = "";
-  bare.context_before = 0;
-  bare.context_after = 0;
-  bare.head_limit = 0;
-  bare.case_insensitive = false;
-  bare.multiline = false;
+  const FileGrepRequest bare{.pattern = "p", .case_insensitive = false, .multiline = false,
+                             .pattern_is_regex = false, .glob = "", .type = "", .context_before = 0,
+                             .context_after = 0, .head_limit = 0, .return_output_only = true};
   EXPECT_EQ(Build(bare), (Arguments{"--no-config", "--no-follow", "-n", "--color", "never", "--", "p", "/proj"}));
 }
 
 TEST(GrepMaxColumns, PatternLengthPlusFiftyWithinBounds) {
-  EXPECT_EQ(GrepMaxColumns(0), 200u);
-  EXPECT_EQ(GrepMaxColumns(150), 200u);
-  EXPECT_EQ(GrepMaxColumns(151), 201u);
-  EXPECT_EQ(GrepMaxColumns(4046), 4096u);
-  EXPECT_EQ(GrepMaxColumns(100000), 4096u);
+  for (const auto [length, columns] :
+       {std::pair{0u, 200u}, {150u, 200u}, {151u, 201u}, {4046u, 4096u}, {100000u, 4096u}}) {
+    EXPECT_EQ(GrepMaxColumns(length), columns) << length;
+  }
 }
 
 }  // namespace

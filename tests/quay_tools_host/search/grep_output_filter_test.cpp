@@ -12,29 +12,17 @@ namespace {
 
 namespace fs = std::filesystem;
 
-struct TrimCase {
-  const char* name;
-  std::string text;
-  std::string expected;
-};
-
-class TrimToCompleteLinesTest : public ::testing::TestWithParam<TrimCase> {};
-
-TEST_P(TrimToCompleteLinesTest, Cuts) {
-  std::string text = GetParam().text;
-  TrimToCompleteLines(text);
-  EXPECT_EQ(text, GetParam().expected);
+TEST(TrimToCompleteLinesTest, Cuts) {
+  // A partial last line, a cut character (also before a feed) and a bad byte all end the text.
+  const std::pair<std::string, std::string> cases[] = {
+      {"abc", ""}, {"", ""}, {"a\nb\n", "a\nb\n"}, {"a\nb", "a\n"},
+      {"a\n\xC3\xA9\n\xE2\x82", "a\n\xC3\xA9\n"}, {"a\nb\xE2\x82\n", "a\n"}, {"a\n\xFF\nc\nd\n", "a\n"}, {"\xC3\nb\n", ""}};
+  for (const auto& [input, expected] : cases) {
+    std::string text = input;
+    TrimToCompleteLines(text);
+    EXPECT_EQ(text, expected) << testing::PrintToString(input);
+  }
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    Cases, TrimToCompleteLinesTest,
-    ::testing::Values(TrimCase{"no_line_feed", "abc", ""}, TrimCase{"empty", "", ""},
-                      TrimCase{"whole", "a\nb\n", "a\nb\n"}, TrimCase{"partial_line", "a\nb", "a\n"},
-                      TrimCase{"cut_character", "a\n\xC3\xA9\n\xE2\x82", "a\n\xC3\xA9\n"},
-                      TrimCase{"cut_character_before_feed", "a\nb\xE2\x82\n", "a\n"},
-                      TrimCase{"bad_byte_early", "a\n\xFF\nc\nd\n", "a\n"},
-                      TrimCase{"bad_first_line", "\xC3\nb\n", ""}),
-    [](const auto& info) { return std::string(info.param.name); });
 
 // A tree under a whitelisted root: a refused directory, links into it, a name holding "-3-".
 class FilterGrepOutputTest : public ::testing::Test {
@@ -62,52 +50,37 @@ class FilterGrepOutputTest : public ::testing::Test {
   FileAccessPolicyConfig config_{false, false, {At("@/*")}, {}, {At("@/secret/*"), At("@/n")}};
 };
 
-struct FilterCase {
-  const char* name;
-  const char* input;
-  const char* expected;
-  const char* base = "@";  // "@/a.txt" when rg searched one file
-};
-
-class FilterGrepOutputCaseTest : public FilterGrepOutputTest, public ::testing::WithParamInterface<FilterCase> {};
-
-TEST_P(FilterGrepOutputCaseTest, KeepsOnlyAllowedLines) {
-  const FilterCase& c = GetParam();
-  const fs::path base = At(c.base);
-  std::string text = At(c.input);
-  FilterGrepOutput(base, base, CompileFileAccessPolicy(config_, /*for_write=*/false), text);
-  EXPECT_EQ(text, At(c.expected));
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    Cases, FilterGrepOutputCaseTest,
-    ::testing::Values(
-        FilterCase{"refused_line_and_feed_go", "@/a.txt:1:x\n@/secret/s.txt:2:y\n@/a.txt:3:z\n",
-                   "@/a.txt:1:x\n@/a.txt:3:z\n"},
-        FilterCase{"context_and_separators", "@/a.txt-1-c\n--\n@/secret/s.txt-12-c\n@/a.txt:2:m\n--\n",
-                   "@/a.txt-1-c\n--\n@/a.txt:2:m\n--\n"},
-        FilterCase{"longer_candidate_when_shorter_fails", "@/dir-3-x/f.txt:7:hit\n", "@/dir-3-x/f.txt:7:hit\n"},
-        FilterCase{"shorter_candidate_decides", "@/n-3-x/f.txt:7:hit\n@/a.txt:1:x", "@/a.txt:1:x"},
-        FilterCase{"link_into_refused_directory", "@/to_secret/s.txt:1:y\n@/file_link:2:y\n@/a.txt:1:x\n",
-                   "@/a.txt:1:x\n"},
-        FilterCase{"refused_link_to_allowed_file", "@/secret/to_a:1:x\n", ""},
-        FilterCase{"relative_joined_to_base", "a.txt:1:x\nsecret/s.txt:1:y\n./to_secret/s.txt:3:y\n",
-                   "a.txt:1:x\n"},
-        FilterCase{"dot_dot_normalised", "@/secret/../a.txt:1:x\n@/a.txt/../secret/s.txt:1:y\n",
-                   "@/secret/../a.txt:1:x\n"},
-        FilterCase{"carriage_return_kept", "@/a.txt:1:x\r\n@/secret/s.txt:1:y\r\n", "@/a.txt:1:x\r\n"},
-        FilterCase{"unresolved_dropped", "@/gone.txt:1:x\n@/gone.txt:2:@/a.txt:3:\n", ""},
-        FilterCase{"invalid_utf8", "@/\xFF.txt:1:\xFE\n\xFF:1:\xC3\n\xC3\xA9\n", "@/\xFF.txt:1:\xFE\n\xC3\xA9\n"},
-        FilterCase{"single_file_lines", "12:text\n13-ctx\n14:a:3:b\n", "12:text\n13-ctx\n", "@/a.txt"}),
-    [](const auto& info) { return std::string(info.param.name); });
-
-TEST_F(FilterGrepOutputTest, LineWithManyCandidatesIsDropped) {
-  std::string shapes;
+TEST_F(FilterGrepOutputTest, KeepsOnlyAllowedLines) {
+  std::string shapes;  // more "-N-" candidates than are tried
   for (int i = 0; i < 40; ++i) shapes += "-1-";
   (void)temp_.WriteFile("root/m" + shapes + "/f", "x\n");
-  std::string text = At("@/m" + shapes + "/f:1:x\n@/a.txt:1:x\n");
-  FilterGrepOutput(root_, root_, CompileFileAccessPolicy(config_, false), text);
-  EXPECT_EQ(text, At("@/a.txt:1:x\n"));
+  const struct {
+    const char* name;
+    std::string input;
+    const char* expected;
+    const char* base = "@";  // "@/a.txt" when rg searched one file
+  } cases[] = {
+      {"refused_line_and_feed_go", "@/a.txt:1:x\n@/secret/s.txt:2:y\n@/a.txt:3:z\n", "@/a.txt:1:x\n@/a.txt:3:z\n"},
+      {"context_and_separators", "@/a.txt-1-c\n--\n@/secret/s.txt-12-c\n@/a.txt:2:m\n--\n",
+       "@/a.txt-1-c\n--\n@/a.txt:2:m\n--\n"},
+      {"longer_candidate_when_shorter_fails", "@/dir-3-x/f.txt:7:hit\n", "@/dir-3-x/f.txt:7:hit\n"},
+      {"shorter_candidate_decides", "@/n-3-x/f.txt:7:hit\n@/a.txt:1:x", "@/a.txt:1:x"},
+      {"link_into_refused_directory", "@/to_secret/s.txt:1:y\n@/file_link:2:y\n@/a.txt:1:x\n", "@/a.txt:1:x\n"},
+      {"refused_link_to_allowed_file", "@/secret/to_a:1:x\n", ""},
+      {"relative_joined_to_base", "a.txt:1:x\nsecret/s.txt:1:y\n./to_secret/s.txt:3:y\n", "a.txt:1:x\n"},
+      {"dot_dot_normalised", "@/secret/../a.txt:1:x\n@/a.txt/../secret/s.txt:1:y\n", "@/secret/../a.txt:1:x\n"},
+      {"carriage_return_kept", "@/a.txt:1:x\r\n@/secret/s.txt:1:y\r\n", "@/a.txt:1:x\r\n"},
+      {"unresolved_dropped", "@/gone.txt:1:x\n@/gone.txt:2:@/a.txt:3:\n", ""},
+      {"invalid_utf8", "@/\xFF.txt:1:\xFE\n\xFF:1:\xC3\n\xC3\xA9\n", "@/\xFF.txt:1:\xFE\n\xC3\xA9\n"},
+      {"single_file_lines", "12:text\n13-ctx\n14:a:3:b\n", "12:text\n13-ctx\n", "@/a.txt"},
+      {"many_candidates_dropped", "@/m" + shapes + "/f:1:x\n@/a.txt:1:x\n", "@/a.txt:1:x\n"},
+  };
+  for (const auto& c : cases) {
+    const fs::path base = At(c.base);
+    std::string text = At(c.input);
+    FilterGrepOutput(base, base, CompileFileAccessPolicy(config_, /*for_write=*/false), text);
+    EXPECT_EQ(text, At(c.expected)) << c.name;
+  }
 }
 
 // A plain reading of the policy for the trees below, which hold no literal allow inside a deny.
@@ -119,9 +92,7 @@ bool ReferenceMatch(std::string_view p, std::string_view t) {
 
 bool ReferenceAllows(const FileAccessPolicyConfig& config, std::string text) {
   const auto fold = [&](std::string s) {
-    if (!config.case_sensitive) {
-      for (char& c : s) c = (c >= 'A' && c <= 'Z') ? static_cast<char>(c - 'A' + 'a') : c;
-    }
+    for (char& c : s) c = (!config.case_sensitive && c >= 'A' && c <= 'Z') ? static_cast<char>(c - 'A' + 'a') : c;
     return s;
   };
   text = fold(text);

@@ -8,58 +8,48 @@ namespace {
 
 using Args = std::vector<std::string>;
 
-struct GlobCase {
-  const char* name;
-  const char* root;
-  std::vector<std::string> blacklist;
-  bool case_sensitive;
-  Args expected;
-};
-
-class AppendPolicyGlobFiltersTest : public ::testing::TestWithParam<GlobCase> {};
-
-TEST_P(AppendPolicyGlobFiltersTest, Translates) {
-  const GlobCase& c = GetParam();
-  FileAccessPolicyConfig policy;
-  policy.case_sensitive = c.case_sensitive;
-  policy.blacklist_patterns = c.blacklist;
-  policy.whitelist_patterns = {"/proj/ignored/*"};  // only the blacklist is translated
-  Args arguments{"-n"};
-  ASSERT_TRUE(AppendPolicyGlobFilters(c.root, policy, arguments).ok);
-  Args expected{"-n"};
-  expected.insert(expected.end(), c.expected.begin(), c.expected.end());
-  EXPECT_EQ(arguments, expected);
+TEST(AppendPolicyGlobFiltersTest, Translates) {
+  const struct {
+    const char *name, *root;
+    std::vector<std::string> blacklist;
+    bool case_sensitive;
+    Args expected;
+  } cases[] = {
+      {"directory_star", "/proj", {"/proj/secret/*"}, false, {"--iglob", "!secret/**"}},
+      {"case_sensitive_glob", "/proj", {"/proj/secret/*"}, true, {"--glob", "!secret/**"}},
+      {"name_and_contents", "/proj", {"/proj/node_modules"}, false,
+       {"--iglob", "!node_modules", "--iglob", "!node_modules/**"}},
+      {"relative_wildcard_none", "/proj", {"*.env"}, false, {}},
+      {"double_star_none", "/proj", {"/proj/**"}, false, {}},
+      {"partial_in_tail_none", "/proj", {"/proj/a/b?c"}, false, {}},
+      {"at_root_none", "/proj", {"/proj", "/proj/"}, false, {}},
+      {"above_root_none", "/proj/src", {"/proj", "/"}, false, {}},
+      {"star_above_root_takes_all", "/proj/src", {"/proj/*"}, false, {"--iglob", "!**", "--iglob", "!**/**"}},
+      {"other_tree_none", "/proj", {"/other/x", "/pro/x"}, false, {}},
+      {"root_case_folded", "/Proj", {"/proj/x/*"}, false, {"--iglob", "!x/**"}},
+      {"root_case_counts", "/Proj", {"/proj/x/*"}, true, {}},
+      {"star_crosses_levels", "/proj/src", {"/proj/*/gen"}, false, {"--iglob", "!**/gen", "--iglob", "!**/gen/**"}},
+      {"deeper_root", "/proj/src", {"/proj/src/a/b.txt"}, false, {"--iglob", "!a/b.txt", "--iglob", "!a/b.txt/**"}},
+      {"filesystem_root", "/", {"/etc/*"}, false, {"--iglob", "!etc/**"}},
+      {"bytes_escaped", "/proj", {"/proj/a[1]{x}!"}, false,
+       {"--iglob", "!a\\[1\\]\\{x\\}\\!", "--iglob", "!a\\[1\\]\\{x\\}\\!/**"}},
+      {"backslash_is_a_name_byte", "/proj", {"/proj\\x/y"}, false, {}},
+      {"backslash_escaped_in_name", "/proj", {"/proj/a\\b/*"}, false, {"--iglob", "!a\\\\b/**"}},
+      {"duplicates_once_in_order", "/proj", {"/proj/b/*", "/proj//a/*", "/proj/b/*/", "/proj/a"}, false,
+       {"--iglob", "!a", "--iglob", "!a/**", "--iglob", "!b/**"}},
+  };
+  for (const auto& c : cases) {
+    FileAccessPolicyConfig policy;
+    policy.case_sensitive = c.case_sensitive;
+    policy.blacklist_patterns = c.blacklist;
+    policy.whitelist_patterns = {"/proj/ignored/*"};  // only the blacklist is translated
+    Args arguments{"-n"};
+    ASSERT_TRUE(AppendPolicyGlobFilters(c.root, policy, arguments).ok) << c.name;
+    Args expected{"-n"};
+    expected.insert(expected.end(), c.expected.begin(), c.expected.end());
+    EXPECT_EQ(arguments, expected) << c.name;
+  }
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    Cases, AppendPolicyGlobFiltersTest,
-    ::testing::Values(
-        GlobCase{"directory_star", "/proj", {"/proj/secret/*"}, false, {"--iglob", "!secret/**"}},
-        GlobCase{"case_sensitive_glob", "/proj", {"/proj/secret/*"}, true, {"--glob", "!secret/**"}},
-        GlobCase{"name_and_contents", "/proj", {"/proj/node_modules"}, false,
-                 {"--iglob", "!node_modules", "--iglob", "!node_modules/**"}},
-        GlobCase{"relative_wildcard_none", "/proj", {"*.env"}, false, {}},
-        GlobCase{"double_star_none", "/proj", {"/proj/**"}, false, {}},
-        GlobCase{"partial_in_tail_none", "/proj", {"/proj/a/b?c"}, false, {}},
-        GlobCase{"at_root_none", "/proj", {"/proj", "/proj/"}, false, {}},
-        GlobCase{"above_root_none", "/proj/src", {"/proj", "/"}, false, {}},
-        GlobCase{"star_above_root_takes_all", "/proj/src", {"/proj/*"}, false,
-                 {"--iglob", "!**", "--iglob", "!**/**"}},
-        GlobCase{"other_tree_none", "/proj", {"/other/x", "/pro/x"}, false, {}},
-        GlobCase{"root_case_folded", "/Proj", {"/proj/x/*"}, false, {"--iglob", "!x/**"}},
-        GlobCase{"root_case_counts", "/Proj", {"/proj/x/*"}, true, {}},
-        GlobCase{"star_crosses_levels", "/proj/src", {"/proj/*/gen"}, false,
-                 {"--iglob", "!**/gen", "--iglob", "!**/gen/**"}},
-        GlobCase{"deeper_root", "/proj/src", {"/proj/src/a/b.txt"}, false,
-                 {"--iglob", "!a/b.txt", "--iglob", "!a/b.txt/**"}},
-        GlobCase{"filesystem_root", "/", {"/etc/*"}, false, {"--iglob", "!etc/**"}},
-        GlobCase{"bytes_escaped", "/proj", {"/proj/a[1]{x}!"}, false,
-                 {"--iglob", "!a\\[1\\]\\{x\\}\\!", "--iglob", "!a\\[1\\]\\{x\\}\\!/**"}},
-        GlobCase{"backslash_is_a_name_byte", "/proj", {"/proj\\x/y"}, false, {}},
-        GlobCase{"backslash_escaped_in_name", "/proj", {"/proj/a\\b/*"}, false, {"--iglob", "!a\\\\b/**"}},
-        GlobCase{"duplicates_once_in_order", "/proj", {"/proj/b/*", "/proj//a/*", "/proj/b/*/", "/proj/a"}, false,
-                 {"--iglob", "!a", "--iglob", "!a/**", "--iglob", "!b/**"}}),
-    [](const auto& info) { return std::string(info.param.name); });
 
 TEST(AppendPolicyGlobFiltersLimitTest, MoreThanTheLimitAddsNothing) {
   FileAccessPolicyConfig policy;
@@ -83,44 +73,35 @@ TEST(PolicyGlobFilterTest, OrdersCaseFoldedFirstThenBytes) {
   EXPECT_FALSE(sensitive_a < sensitive_a);
 }
 
-struct CoverCase {
-  const char* name;
-  std::vector<std::string> whitelist;
-  std::vector<std::string> read_only;
-  const char* root;
-  bool case_sensitive;
-  bool covered;
-};
-
-class IsRootRecursivelyCoveredTest : public ::testing::TestWithParam<CoverCase> {};
-
-TEST_P(IsRootRecursivelyCoveredTest, Decides) {
-  const CoverCase& c = GetParam();
-  FileAccessPolicyConfig policy;
-  policy.case_sensitive = c.case_sensitive;
-  policy.whitelist_patterns = c.whitelist;
-  policy.read_only_patterns = c.read_only;
-  policy.blacklist_patterns = {"/proj/*"};  // the blacklist plays no part
-  EXPECT_EQ(IsRootRecursivelyCovered(c.root, policy), c.covered);
+TEST(IsRootRecursivelyCoveredTest, Decides) {
+  const struct {
+    const char* name;
+    std::vector<std::string> whitelist, read_only;
+    const char* root;
+    bool case_sensitive, covered;
+  } cases[] = {{"empty_lists", {}, {}, "/", false, true},
+               {"below", {"/proj/*"}, {}, "/proj/src", false, true},
+               {"the_directory_itself", {"/proj/*"}, {}, "/proj", false, true},
+               {"above", {"/proj/*"}, {}, "/", false, false},
+               {"name_prefix_only", {"/proj/*"}, {}, "/project", false, false},
+               {"read_only_counts", {"/a/*"}, {"/proj/*"}, "/proj/x", false, true},
+               {"wildcard_in_head", {"/pro?/*", "/*/src/*"}, {}, "/proj/src", false, false},
+               {"single_file", {"/proj/a.txt", "/proj/src"}, {}, "/proj/src", false, false},
+               {"star_not_behind_separator", {"/proj*"}, {}, "/proj/src", false, false},
+               {"backslash_is_no_separator", {"/proj\\*"}, {}, "/proj", false, false},
+               {"everything", {"/*"}, {}, "/any/where", false, true},
+               {"case_folded", {"/PROJ/*"}, {}, "/proj/Src", false, true},
+               {"case_counts", {"/PROJ/*"}, {}, "/proj/src", true, false},
+               {"trailing_separators", {"/proj//*"}, {}, "/proj/src/", false, true}};
+  for (const auto& c : cases) {
+    FileAccessPolicyConfig policy;
+    policy.case_sensitive = c.case_sensitive;
+    policy.whitelist_patterns = c.whitelist;
+    policy.read_only_patterns = c.read_only;
+    policy.blacklist_patterns = {"/proj/*"};  // the blacklist plays no part
+    EXPECT_EQ(IsRootRecursivelyCovered(c.root, policy), c.covered) << c.name;
+  }
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    Cases, IsRootRecursivelyCoveredTest,
-    ::testing::Values(CoverCase{"empty_lists", {}, {}, "/", false, true},
-                      CoverCase{"below", {"/proj/*"}, {}, "/proj/src", false, true},
-                      CoverCase{"the_directory_itself", {"/proj/*"}, {}, "/proj", false, true},
-                      CoverCase{"above", {"/proj/*"}, {}, "/", false, false},
-                      CoverCase{"name_prefix_only", {"/proj/*"}, {}, "/project", false, false},
-                      CoverCase{"read_only_counts", {"/a/*"}, {"/proj/*"}, "/proj/x", false, true},
-                      CoverCase{"wildcard_in_head", {"/pro?/*", "/*/src/*"}, {}, "/proj/src", false, false},
-                      CoverCase{"single_file", {"/proj/a.txt", "/proj/src"}, {}, "/proj/src", false, false},
-                      CoverCase{"star_not_behind_separator", {"/proj*"}, {}, "/proj/src", false, false},
-                      CoverCase{"backslash_is_no_separator", {"/proj\\*"}, {}, "/proj", false, false},
-                      CoverCase{"everything", {"/*"}, {}, "/any/where", false, true},
-                      CoverCase{"case_folded", {"/PROJ/*"}, {}, "/proj/Src", false, true},
-                      CoverCase{"case_counts", {"/PROJ/*"}, {}, "/proj/src", true, false},
-                      CoverCase{"trailing_separators", {"/proj//*"}, {}, "/proj/src/", false, true}),
-    [](const auto& info) { return std::string(info.param.name); });
 
 TEST(EscapeGlobLiteralTest, EscapesEachMetaByteOnly) {
   EXPECT_EQ(EscapeGlobLiteral("a![b]{c}\\d*?"), "a\\!\\[b\\]\\{c\\}\\\\d*?");
