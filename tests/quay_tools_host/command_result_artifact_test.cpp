@@ -70,20 +70,19 @@ class ArtifactTest : public ::testing::Test {
 struct RefusalCase {
   const char* name;
   std::string result_file;
-  int category;
-  int code;
+  int category, code;
   const char* message;
   const char* install_dir = nullptr;  // the fixture's when null
+  CommandResult result = SearchResult("a.txt");
 };
 
+constexpr const char* kEscapes = "file command result artifact escapes the runtime artifact root";
 const RefusalCase kRefusals[] = {
-    {"outside_root", "{base}/outside/a.json", 3, 0, "file command result artifact escapes the runtime artifact root"},
-    {"dotdot_out", "{root}/sub/../../outside/a.json", 3, 0,
-     "file command result artifact escapes the runtime artifact root"},
-    {"sibling_with_root_prefix", "{root}_x/a.json", 3, 0,
-     "file command result artifact escapes the runtime artifact root"},
-    {"relative", "brimo_stack/a.json", 3, 0, "file command result artifact escapes the runtime artifact root"},
-    {"link_component", "{root}/link/a.json", 3, 0, "file command result artifact escapes the runtime artifact root"},
+    {"outside_root", "{base}/outside/a.json", 3, 0, kEscapes},
+    {"dotdot_out", "{root}/sub/../../outside/a.json", 3, 0, kEscapes},
+    {"sibling_with_root_prefix", "{root}_x/a.json", 3, 0, kEscapes},
+    {"relative", "brimo_stack/a.json", 3, 0, kEscapes},
+    {"link_component", "{root}/link/a.json", 3, 0, kEscapes},
     {"nul_byte", std::string("{root}/a.json\0/x", 16), 3, 0, "path contains a NUL character"},
     {"equal_to_root", "{root}/", 3, 0, "file command result artifact already exists"},
     {"existing_file", "{root}/existing.json", 3, 0, "file command result artifact already exists"},
@@ -92,8 +91,12 @@ const RefusalCase kRefusals[] = {
      "inspect file command result directory failed: No such file or directory"},
     {"parent_is_file", "{root}/file.txt/a.json", 3, 0, "file command result directory is unavailable"},
     // A relative profile directory is refused, so there is no root for anything to lie below.
-    {"no_root", "{root}/a.json", 3, 0, "file command result artifact escapes the runtime artifact root",
-     "p/sandbox_envs_dir"},
+    {"no_root", "{root}/a.json", 3, 0, kEscapes, "p/sandbox_envs_dir"},
+    // A failed command passes through unwritten; a result that cannot be serialised leaves no file.
+    {"failure_passes_through", "{root}/a.json", 7, 1, "search refused", nullptr,
+     CommandResult::Failure(7, 1, "search refused")},
+    {"invalid_utf8", "{root}/out.json", 3, 0, "serialize file command result artifact failed", nullptr,
+     SearchResult("bad\xff.txt")},
 };
 
 void PrintTo(const RefusalCase& c, std::ostream* out) { *out << c.name; }
@@ -103,8 +106,8 @@ class ArtifactRefusal : public ArtifactTest, public ::testing::WithParamInterfac
 TEST_P(ArtifactRefusal, FailsAndLeavesTheDiskAsItWas) {
   const RefusalCase& c = GetParam();
   const auto before = Snapshot(base_);
-  const CommandResult result = WriteResultArtifact(SearchResult("a.txt"), Expand(c.result_file),
-                                                  c.install_dir != nullptr ? c.install_dir : install_dir_);
+  const CommandResult result =
+      WriteResultArtifact(c.result, Expand(c.result_file), c.install_dir != nullptr ? c.install_dir : install_dir_);
   ASSERT_FALSE(result.ok);
   EXPECT_EQ(result.error->category, c.category);
   EXPECT_EQ(result.error->code, c.code);
@@ -115,21 +118,16 @@ TEST_P(ArtifactRefusal, FailsAndLeavesTheDiskAsItWas) {
 INSTANTIATE_TEST_SUITE_P(Cases, ArtifactRefusal, ::testing::ValuesIn(kRefusals),
                          [](const auto& info) { return std::string(info.param.name); });
 
-TEST_F(ArtifactTest, FailuresAndEmptyNamesPassThrough) {
+// An empty name returns the result itself and writes nothing.
+TEST_F(ArtifactTest, WritesTheCompactResponseAndReturnsABareSuccess) {
   const auto before = Snapshot(base_);
-  const CommandResult failed = Write(CommandResult::Failure(7, 1, "search refused"), (root_ / "a.json").native());
-  ASSERT_FALSE(failed.ok);
-  EXPECT_EQ(failed.error->message, "search refused");
   const CommandResult unchanged = Write(SearchResult("a.txt"), "");
   ASSERT_TRUE(unchanged.ok && unchanged.outputs.has_value());
   EXPECT_EQ(unchanged.outputs->size(), 1u);
   EXPECT_EQ(Snapshot(base_), before);
-}
 
-TEST_F(ArtifactTest, WritesTheCompactResponseAndReturnsABareSuccess) {
   const struct {
-    const char* result_file;
-    const char* written;
+    const char *result_file, *written;
   } cases[] = {{"{root}/out.json", "out.json"}, {"{root}/sub/../dotdot.json", "dotdot.json"},
                {"{root}/sub/nested.json", "sub/nested.json"}};
   for (const auto& c : cases) {
@@ -140,15 +138,6 @@ TEST_F(ArtifactTest, WritesTheCompactResponseAndReturnsABareSuccess) {
               R"({"ok":true,"outputs":[{"data":{"matches":["dir/a.txt"]},"type":"json"}]})");
     EXPECT_TRUE(quay_test::TempSiblingsIn((root_ / c.written).parent_path()).empty());
   }
-}
-
-TEST_F(ArtifactTest, InvalidUtf8FailsToSerializeAndLeavesNoFile) {
-  const auto before = Snapshot(base_);
-  const CommandResult result = Write(SearchResult("bad\xff.txt"), (root_ / "out.json").native());
-  ASSERT_FALSE(result.ok);
-  EXPECT_EQ(result.error->category, 3);
-  EXPECT_EQ(result.error->message, "serialize file command result artifact failed");
-  EXPECT_EQ(Snapshot(base_), before);
 }
 
 // The root's own path is the host's configuration ($TMPDIR may be a link): it is followed.
