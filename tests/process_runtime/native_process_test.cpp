@@ -132,8 +132,7 @@ TEST(NativeProcessStart, ChildSeesOnlyWhatItIsGiven) {
   sigemptyset(&blocked);
   sigaddset(&blocked, SIGUSR1);
   ASSERT_EQ(::pthread_sigmask(SIG_BLOCK, &blocked, &old_mask), 0);
-  struct sigaction ignore {
-  }, old_pipe{};
+  struct sigaction ignore{}, old_pipe{};
   ignore.sa_handler = SIG_IGN;
   ASSERT_EQ(::sigaction(SIGPIPE, &ignore, &old_pipe), 0);
   ASSERT_EQ(::setenv("QUAY_TEST_INHERITED", "yes", 1), 0);

@@ -15,8 +15,8 @@ namespace fs = std::filesystem;
 TEST(TrimToCompleteLinesTest, Cuts) {
   // A partial last line, a cut character (also before a feed) and a bad byte all end the text.
   const std::pair<std::string, std::string> cases[] = {
-      {"abc", ""}, {"", ""}, {"a\nb\n", "a\nb\n"}, {"a\nb", "a\n"},
-      {"a\n\xC3\xA9\n\xE2\x82", "a\n\xC3\xA9\n"}, {"a\nb\xE2\x82\n", "a\n"}, {"a\n\xFF\nc\nd\n", "a\n"}, {"\xC3\nb\n", ""}};
+      {"abc", ""}, {"", ""}, {"a\nb\n", "a\nb\n"}, {"a\nb", "a\n"}, {"a\n\xC3\xA9\n\xE2\x82", "a\n\xC3\xA9\n"},
+      {"a\nb\xE2\x82\n", "a\n"}, {"a\n\xFF\nc\nd\n", "a\n"}, {"\xC3\nb\n", ""}};
   for (const auto& [input, expected] : cases) {
     std::string text = input;
     TrimToCompleteLines(text);
