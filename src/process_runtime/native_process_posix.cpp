@@ -53,6 +53,25 @@ int MillisecondsUntil(Clock::time_point deadline) {
   return static_cast<int>(std::clamp<int64_t>(left, 0, INT_MAX));
 }
 
+// All of `text` into the non-blocking `fd`, waiting for room until `deadline`: a child that does
+// not read can hold the caller that long and no longer.
+CommandResult WriteBeforeDeadline(int fd, std::string_view text, Clock::time_point deadline) {
+  size_t written = 0;
+  while (written < text.size()) {
+    const ssize_t n = RetryOnEintr([&] { return ::write(fd, text.data() + written, text.size() - written); });
+    if (n > 0) {
+      written += static_cast<size_t>(n);
+      continue;
+    }
+    if (n < 0 && errno != EAGAIN) return MakeSystemCommandError("write shell stdin", errno);
+    struct pollfd room = {fd, POLLOUT, 0};
+    const int ready = RetryOnEintr([&] { return ::poll(&room, 1, MillisecondsUntil(deadline)); });
+    if (ready < 0) return MakeSystemCommandError("write shell stdin", errno);
+    if (ready == 0) return CommandResult::Failure(kCategoryTimeout, 5, "timed out writing shell stdin");
+  }
+  return CommandResult::Success();
+}
+
 // A pipe's two ends, both closed on exec.
 CommandResult MakePipe(ScopedFd& read_end, ScopedFd& write_end, std::string_view stage) {
   int ends[2];
@@ -171,22 +190,7 @@ class PosixProcess final : public INativeProcess {
       normalized = NormalizeConsoleNewlines(text, false);
       text = normalized;
     }
-    const Clock::time_point deadline = Clock::now() + kStdinWriteDeadline;
-    size_t written = 0;
-    while (written < text.size()) {
-      const ssize_t n = RetryOnEintr(
-          [&] { return ::write(stdin_write_.get(), text.data() + written, text.size() - written); });
-      if (n > 0) {
-        written += static_cast<size_t>(n);
-        continue;
-      }
-      if (n < 0 && errno != EAGAIN) return MakeSystemCommandError("write shell stdin", errno);
-      struct pollfd room = {stdin_write_.get(), POLLOUT, 0};
-      const int ready = RetryOnEintr([&] { return ::poll(&room, 1, MillisecondsUntil(deadline)); });
-      if (ready < 0) return MakeSystemCommandError("write shell stdin", errno);
-      if (ready == 0) return CommandResult::Failure(kCategoryTimeout, 5, "timed out writing shell stdin");
-    }
-    return CommandResult::Success();
+    return WriteBeforeDeadline(stdin_write_.get(), text, Clock::now() + kStdinWriteDeadline);
   }
 
   void CloseStdin() override {
@@ -392,18 +396,7 @@ class PosixProcess final : public INativeProcess {
     if (command.empty()) return ConptyTransportStage::kNone;
     const std::string text = NormalizeConsoleNewlines(command, true);
     const Clock::time_point deadline = Clock::now() + kProbeDeadline;
-    size_t written = 0;
-    while (written < text.size()) {
-      const ssize_t n = RetryOnEintr([&] { return ::write(master, text.data() + written, text.size() - written); });
-      if (n > 0) {
-        written += static_cast<size_t>(n);
-        continue;
-      }
-      struct pollfd room = {master, POLLOUT, 0};
-      if ((n < 0 && errno != EAGAIN) || RetryOnEintr([&] { return ::poll(&room, 1, MillisecondsUntil(deadline)); }) <= 0) {
-        return ConptyTransportStage::kReadyProbeWrite;
-      }
-    }
+    if (!WriteBeforeDeadline(master, text, deadline).ok) return ConptyTransportStage::kReadyProbeWrite;
     ConptyProbeOutput output;
     Clock::time_point last_output = Clock::now();
     char buffer[1024];
