@@ -174,6 +174,8 @@ TEST(GlobPatternTest, MatchesPathsByTheRules) {
       {"a/b", "a/./b", true},
       {"a", "a/", false},
       {"a", "a/.", false},
+      {"**", "a/", false},
+      {"a/**", "a/b/.", false},
       {"a", "", false},
       {"a/b", "a", false},
       {Repeat("**/", 62) + "a", "x/y/a", true},  // 63 segments: the mask's last bit
@@ -224,6 +226,7 @@ TEST(GlobPatternTest, StepTellsWhetherDeeperPathsCanMatch) {
       {"a/*", {"a"}, false, true},
       {Repeat("a/", 64) + "b", {"a"}, false, true},
       {Repeat("a/", 64) + "b", {"b"}, false, false},
+      {Repeat("a/", 64) + "b", Split(Repeat("a/", 64) + "b"), true, false},
       {Repeat("**/", 64) + "b", {"b"}, true, true},
       {"a/" + Repeat("**/", 64) + "**", {"a", "x"}, true, true},
   };
