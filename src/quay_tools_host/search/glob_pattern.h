@@ -44,8 +44,15 @@ class GlobPattern {
   [[nodiscard]] bool uses_bitmask() const { return uses_bitmask_; }
 
  private:
+  [[nodiscard]] GlobStep AdvanceMask(uint64_t state, std::string_view name) const;
+  [[nodiscard]] GlobStep AdvanceList(const std::vector<uint32_t>& state, std::string_view name) const;
+  [[nodiscard]] uint64_t MaskClosure(uint64_t mask) const;
+  void ListClosure(std::vector<bool>& positions) const;
+
   std::vector<GlobSegment> segments_;
   bool uses_bitmask_ = true;
+  // Bit i for a globstar at segment i, in the bitmask form: the closure without a lookup.
+  uint64_t globstar_mask_ = 0;
 };
 
 // Whether a '/'-separated path relative to the search root matches; empty and "." names are

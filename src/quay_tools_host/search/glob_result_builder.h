@@ -39,6 +39,8 @@ class GlobResultBuilder {
   [[nodiscard]] uint64_t json_bytes() const { return json_bytes_; }
 
  private:
+  [[nodiscard]] std::vector<std::string>& ListOf(GlobEntryKind kind);
+
   uint8_t type_mask_ = kGlobAllTypes;
   uint8_t exhausted_mask_ = 0;
   uint64_t max_results_ = UINT64_MAX;

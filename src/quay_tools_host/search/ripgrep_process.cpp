@@ -42,6 +42,7 @@ constexpr std::array<std::string_view, 3> kPermissionEndings = {
 // them only after it saw the writer's done flag under the mutex.
 struct RipgrepProcessState {
   std::shared_ptr<INativeProcess> process = process_runtime::CreateNativeProcess();
+  RipgrepStdoutConsumer stdout_consumer;
   RipgrepOutput output;
   CommandResult stdout_status;
   CommandResult stderr_status;
@@ -93,10 +94,14 @@ void RunReader(std::shared_ptr<RipgrepProcessState> state, OutputStream stream, 
   const bool is_stdout = stream == OutputStream::kStdout;
   CommandResult status;
   try {
-    status = is_stdout ? ReadCappedProcessOutput(*state->process, stream, limit, state->output.stdout_text,
+    if (is_stdout && state->stdout_consumer) {
+      status = state->stdout_consumer(*state->process);
+    } else {
+      status = is_stdout ? ReadCappedProcessOutput(*state->process, stream, limit, state->output.stdout_text,
                                                  state->output.stdout_truncated)
                        : ReadCappedProcessOutput(*state->process, stream, limit, state->output.stderr_text,
                                                  state->stderr_truncated);
+    }
   } catch (const std::exception& error) {
     // An unlimited stdout can outgrow memory; that fails the run, not the host.
     status = CommandResult::Failure(kCategoryInternal, 0, std::string("rg output reader failed: ") + error.what());
@@ -143,17 +148,19 @@ DrainOutcome DrainRipgrepReaders(RipgrepProcessState& state, ReaderThreads& read
 
 // Takes only what a finished reader wrote; an unfinished one may still be writing and counts
 // as empty. Nothing reads the state's strings after this.
-void TakeFinishedOutput(RipgrepProcessState& state, const DrainOutcome& drain, RipgrepOutput& output,
-                        bool& stderr_truncated) {
-  output = RipgrepOutput{};
-  stderr_truncated = false;
+void TakeFinishedOutput(RipgrepProcessState& state, const DrainOutcome& drain, RipgrepRunEnd& end) {
+  end.drain = drain.result;
+  end.stdout_done = drain.stdout_done;
+  end.stderr_done = drain.stderr_done;
   if (drain.stdout_done) {
-    output.stdout_text = std::move(state.output.stdout_text);
-    output.stdout_truncated = state.output.stdout_truncated;
+    end.stdout_status = state.stdout_status;
+    end.output.stdout_text = std::move(state.output.stdout_text);
+    end.output.stdout_truncated = state.output.stdout_truncated;
   }
   if (drain.stderr_done) {
-    output.stderr_text = std::move(state.output.stderr_text);
-    stderr_truncated = state.stderr_truncated;
+    end.stderr_status = state.stderr_status;
+    end.output.stderr_text = std::move(state.output.stderr_text);
+    end.stderr_truncated = state.stderr_truncated;
   }
 }
 
@@ -161,25 +168,24 @@ int64_t MillisecondsSince(SteadyClock::time_point start) {
   return std::chrono::duration_cast<std::chrono::milliseconds>(SteadyClock::now() - start).count();
 }
 
-bool OnlyLineEnds(std::string_view text) { return text.find_first_not_of("\r\n") == std::string_view::npos; }
-
-std::string_view WithoutTrailingLineEnds(std::string_view text) {
-  const size_t end = text.find_last_not_of("\r\n");
-  return end == std::string_view::npos ? std::string_view() : text.substr(0, end + 1);
+std::string_view OperationName(RipgrepOperation operation) {
+  return operation == RipgrepOperation::kGrep ? "grep" : "glob";
 }
 
 // Logs a failed cleanup step, by its numbers when the failure carries them.
-void LogCleanupFailure(std::string_view stage, const CommandResult& failure) {
+void LogCleanupFailure(RipgrepOperation operation, std::string_view stage, const CommandResult& failure) {
   if (failure.error.has_value()) {
-    SPDLOG_ERROR("rg_process_cleanup_failed operation=grep stage={} category={} code={}", stage,
-                 failure.error->category, failure.error->code);
+    SPDLOG_ERROR("rg_process_cleanup_failed operation={} stage={} category={} code={}", OperationName(operation),
+                 stage, failure.error->category, failure.error->code);
   } else {
-    SPDLOG_ERROR("rg_process_cleanup_failed operation=grep stage={} reason=missing_error", stage);
+    SPDLOG_ERROR("rg_process_cleanup_failed operation={} stage={} reason=missing_error", OperationName(operation),
+                 stage);
   }
 }
 
 // rg from version 14 heads such a line with "rg: "; the rg 13 of this platform's packages prints
-// the path alone, so without the head the path must be absolute to count.
+// the path alone, so without the head the path must be absolute, or below the "." that a
+// listing run searches, to count.
 bool PermissionLineInsideRoot(std::string_view line, const std::filesystem::path& root) {
   constexpr std::string_view kPrefix = "rg: ";
   const bool headed = line.starts_with(kPrefix);
@@ -189,7 +195,7 @@ bool PermissionLineInsideRoot(std::string_view line, const std::filesystem::path
   if (ending == kPermissionEndings.end() || line.size() <= ending->size() + head) return false;
   std::filesystem::path path = PathFromUtf8(line.substr(head, line.size() - head - ending->size()));
   if (!IsFullyQualifiedPath(path)) {
-    if (!headed) return false;
+    if (!headed && !line.starts_with("./")) return false;
     path = root / path;
   }
   path = path.lexically_normal();
@@ -198,7 +204,8 @@ bool PermissionLineInsideRoot(std::string_view line, const std::filesystem::path
 
 // Ends a child whose readers could not all be started; the started one ends once the child is
 // gone or the reads are cancelled.
-CommandResult AbandonRun(RipgrepProcessState& state, ReaderThreads& readers, const std::exception& error) {
+CommandResult AbandonRun(RipgrepOperation operation, RipgrepProcessState& state, ReaderThreads& readers,
+                         const std::exception& error) {
   SPDLOG_ERROR("rg process reader start failed, process_role=rg, error={}", error.what());
   state.process->Terminate();
   uint32_t exit_code = 0;
@@ -206,71 +213,76 @@ CommandResult AbandonRun(RipgrepProcessState& state, ReaderThreads& readers, con
   if (!waited.ok) {
     state.process->Kill();
     waited = state.process->Wait(kKillGraceMs, exit_code);
-    if (!waited.ok) LogCleanupFailure("wait_after_kill", waited);
+    if (!waited.ok) LogCleanupFailure(operation, "wait_after_kill", waited);
   }
   state.process->CancelReads();
   if (readers.stdout_reader.joinable()) readers.stdout_reader.join();
   return CommandResult::Failure(kCategoryInternal, 0,
-                                std::string("GREP_FAILED: failed to start rg output reader: ") + error.what());
+                                std::string(operation == RipgrepOperation::kGrep ? "GREP_FAILED" : "GLOB_FAILED") +
+                                    ": failed to start rg output reader: " + error.what());
 }
 
-CommandResult ResultOfFinishedRun(const RipgrepProcessState& state, const DrainOutcome& drain, uint32_t exit_code,
-                                  bool stderr_truncated, const std::filesystem::path& root, RipgrepOutput& output) {
-  if (drain.stdout_done && !state.stdout_status.ok) return state.stdout_status;
-  if (drain.stderr_done && !state.stderr_status.ok) return state.stderr_status;
-  if (!drain.result.ok) return drain.result;
-  if (static_cast<int32_t>(exit_code) <= 1) return CommandResult::Success();
-  if (IsPermissionOnlyStderr(output.stderr_text, stderr_truncated, root)) {
-    output.permission_errors_only = true;
-    return CommandResult::Success();
+// Terminate, then Kill, each with its grace, then the drain. grep announces the stop and its
+// end; glob runs the same steps quietly.
+void StopOverrunChild(RipgrepOperation operation, RipgrepProcessState& state, ReaderThreads& readers,
+                      SteadyClock::time_point started, RipgrepRunEnd& end) {
+  const bool grep = operation == RipgrepOperation::kGrep;
+  if (grep) {
+    SPDLOG_WARN("rg process wait failed, process_role=rg, stage=terminate, category={}, code={}",
+                end.first_wait.error ? end.first_wait.error->category : 0,
+                end.first_wait.error ? end.first_wait.error->code : 0);
   }
-  if (OnlyLineEnds(output.stderr_text)) {
-    return CommandResult::Failure(kCategoryRefused, 1, "GREP_FAILED: rg exited unsuccessfully");
-  }
-  return CommandResult::Failure(kCategoryRefused, 1,
-                                "GREP_FAILED: " + std::string(WithoutTrailingLineEnds(output.stderr_text)));
-}
-
-// Terminate, then Kill, each with its grace, then the drain; the first Wait's failure is what
-// the caller hears, a time limit in grep's own words.
-CommandResult StopOverrunRun(RipgrepProcessState& state, ReaderThreads& readers, CommandResult first_failure,
-                             SteadyClock::time_point started, RipgrepOutput& output) {
-  const int32_t category = first_failure.error ? first_failure.error->category : 0;
-  const int32_t code = first_failure.error ? first_failure.error->code : 0;
-  SPDLOG_WARN("rg process wait failed, process_role=rg, stage=terminate, category={}, code={}", category, code);
   state.process->Terminate();
   uint32_t exit_code = 0;
   CommandResult waited = state.process->Wait(kTerminateGraceMs, exit_code);
   if (!waited.ok) {
     if (waited.error.has_value()) {
-      SPDLOG_WARN("rg_process_cleanup_failed operation=grep stage=wait_after_terminate category={} code={}",
-                  waited.error->category, waited.error->code);
+      SPDLOG_WARN("rg_process_cleanup_failed operation={} stage=wait_after_terminate category={} code={}",
+                  OperationName(operation), waited.error->category, waited.error->code);
     } else {
-      SPDLOG_ERROR("rg_process_cleanup_failed operation=grep stage=wait_after_terminate reason=missing_error");
+      SPDLOG_ERROR("rg_process_cleanup_failed operation={} stage=wait_after_terminate reason=missing_error",
+                   OperationName(operation));
     }
-    SPDLOG_WARN("rg process terminate grace expired, process_role=rg, stage=kill");
+    if (grep) SPDLOG_WARN("rg process terminate grace expired, process_role=rg, stage=kill");
     state.process->Kill();
     exit_code = 0;
     waited = state.process->Wait(kKillGraceMs, exit_code);
-    if (!waited.ok) LogCleanupFailure("wait_after_kill", waited);
+    if (!waited.ok) LogCleanupFailure(operation, "wait_after_kill", waited);
   }
   // A descendant that left the child's reach may still hold the pipes.
   state.process->CancelReads();
   const DrainOutcome drain = DrainRipgrepReaders(state, readers);
-  if (!drain.result.ok) LogCleanupFailure("drain_readers", drain.result);
-  bool stderr_truncated = false;
-  TakeFinishedOutput(state, drain, output, stderr_truncated);
-  SPDLOG_WARN("rg process cleanup completed, process_role=rg, stdout_bytes={}, stderr_bytes={}, duration_ms={}",
-              output.stdout_text.size(), output.stderr_text.size(), MillisecondsSince(started));
-  if (category == kCategoryTimeout && code == 5) first_failure.error->message = "GREP_TIMEOUT: rg exceeded timeout_ms";
-  return first_failure;
+  if (!drain.result.ok) LogCleanupFailure(operation, "drain_readers", drain.result);
+  TakeFinishedOutput(state, drain, end);
+  if (grep) {
+    SPDLOG_WARN("rg process cleanup completed, process_role=rg, stdout_bytes={}, stderr_bytes={}, duration_ms={}",
+                end.output.stdout_text.size(), end.output.stderr_text.size(), MillisecondsSince(started));
+  }
+}
+
+// The grep table after the child ended by itself; the first matching row decides.
+CommandResult GrepResultOfFinishedRun(const RipgrepRunEnd& end, const std::filesystem::path& root,
+                                      RipgrepOutput& output) {
+  if (end.stdout_done && !end.stdout_status.ok) return end.stdout_status;
+  if (end.stderr_done && !end.stderr_status.ok) return end.stderr_status;
+  if (!end.drain.ok) return end.drain;
+  if (static_cast<int32_t>(end.exit_code) <= 1) return CommandResult::Success();
+  if (IsPermissionOnlyStderr(output.stderr_text, end.stderr_truncated, root)) {
+    output.permission_errors_only = true;
+    return CommandResult::Success();
+  }
+  return RipgrepExitFailure("GREP_FAILED", output.stderr_text);
 }
 
 }  // namespace
 
-CommandResult RunRipgrepProcess(const RipgrepRun& run, RipgrepOutput& output) {
-  output = RipgrepOutput{};
+CommandResult RunRipgrepChild(const RipgrepRun& run, RipgrepOperation operation, RipgrepStdoutConsumer consumer,
+                              bool& started, RipgrepRunEnd& end) {
+  started = false;
+  end = RipgrepRunEnd{};
+  const bool grep = operation == RipgrepOperation::kGrep;
   const auto state = std::make_shared<RipgrepProcessState>();
+  state->stdout_consumer = std::move(consumer);
   ProcessLaunchOptions options;
   options.executable = PathToUtf8(run.rg_path);
   options.arguments = run.arguments;
@@ -281,15 +293,21 @@ CommandResult RunRipgrepProcess(const RipgrepRun& run, RipgrepOutput& output) {
   options.sbox_log_dir = std::string(run.sbox_log_dir);
   options.sbox_dump_dir = std::string(run.sbox_dump_dir);
 
-  const SteadyClock::time_point started = SteadyClock::now();
-  SPDLOG_DEBUG("rg process started, process_role=rg, cwd={}, root={}, argument_count={}, base_env_bytes={}",
-               SummarizePathForLog(run.cwd), SummarizePathForLog(run.root), run.arguments.size(), run.base_env.size());
+  const SteadyClock::time_point start_time = SteadyClock::now();
+  if (grep) {
+    SPDLOG_DEBUG("rg process started, process_role=rg, cwd={}, root={}, argument_count={}, base_env_bytes={}",
+                 SummarizePathForLog(run.cwd), SummarizePathForLog(run.root), run.arguments.size(),
+                 run.base_env.size());
+  }
   CommandResult start = state->process->Start(options);
   if (!start.ok) {
-    SPDLOG_ERROR("rg process launch failed, process_role=rg, category={}, code={}",
-                 start.error ? start.error->category : 0, start.error ? start.error->code : 0);
+    if (grep) {
+      SPDLOG_ERROR("rg process launch failed, process_role=rg, category={}, code={}",
+                   start.error ? start.error->category : 0, start.error ? start.error->code : 0);
+    }
     return start;
   }
+  started = true;
   state->process->CloseStdin();
 
   ReaderThreads readers;
@@ -297,22 +315,46 @@ CommandResult RunRipgrepProcess(const RipgrepRun& run, RipgrepOutput& output) {
     readers.stdout_reader = std::thread(RunReader, state, OutputStream::kStdout, run.stdout_limit);
     readers.stderr_reader = std::thread(RunReader, state, OutputStream::kStderr, kRipgrepStderrLimit);
   } catch (const std::exception& error) {
-    return AbandonRun(*state, readers, error);
+    return AbandonRun(operation, *state, readers, error);
   }
 
-  uint32_t exit_code = 0;
-  CommandResult waited = state->process->Wait(run.timeout_ms, exit_code);
-  if (!waited.ok) return StopOverrunRun(*state, readers, std::move(waited), started, output);
+  end.first_wait = state->process->Wait(run.timeout_ms, end.exit_code);
+  if (!end.first_wait.ok) {
+    StopOverrunChild(operation, *state, readers, start_time, end);
+    return CommandResult::Success();
+  }
+  TakeFinishedOutput(*state, DrainRipgrepReaders(*state, readers), end);
+  if (grep) {
+    SPDLOG_DEBUG(
+        "rg process completed, process_role=rg, exit_code={}, stdout_bytes={}, stderr_bytes={}, "
+        "stdout_truncated={}, stderr_truncated={}, duration_ms={}",
+        end.exit_code, end.output.stdout_text.size(), end.output.stderr_text.size(), end.output.stdout_truncated,
+        end.stderr_truncated, MillisecondsSince(start_time));
+  }
+  return CommandResult::Success();
+}
 
-  const DrainOutcome drain = DrainRipgrepReaders(*state, readers);
-  bool stderr_truncated = false;
-  TakeFinishedOutput(*state, drain, output, stderr_truncated);
-  SPDLOG_DEBUG(
-      "rg process completed, process_role=rg, exit_code={}, stdout_bytes={}, stderr_bytes={}, stdout_truncated={}, "
-      "stderr_truncated={}, duration_ms={}",
-      exit_code, output.stdout_text.size(), output.stderr_text.size(), output.stdout_truncated, stderr_truncated,
-      MillisecondsSince(started));
-  return ResultOfFinishedRun(*state, drain, exit_code, stderr_truncated, run.root, output);
+CommandResult RunRipgrepProcess(const RipgrepRun& run, RipgrepOutput& output) {
+  output = RipgrepOutput{};
+  bool started = false;
+  RipgrepRunEnd end;
+  CommandResult ran = RunRipgrepChild(run, RipgrepOperation::kGrep, nullptr, started, end);
+  if (!ran.ok) return ran;
+  output = std::move(end.output);
+  if (end.first_wait.ok) return GrepResultOfFinishedRun(end, run.root, output);
+  CommandResult failure = std::move(end.first_wait);
+  if (failure.error && failure.error->category == kCategoryTimeout && failure.error->code == 5) {
+    failure.error->message = "GREP_TIMEOUT: rg exceeded timeout_ms";
+  }
+  return failure;
+}
+
+CommandResult RipgrepExitFailure(std::string_view head, std::string_view stderr_text) {
+  const size_t end = stderr_text.find_last_not_of("\r\n");
+  if (end == std::string_view::npos) {
+    return CommandResult::Failure(kCategoryRefused, 1, std::string(head) + ": rg exited unsuccessfully");
+  }
+  return CommandResult::Failure(kCategoryRefused, 1, std::string(head) + ": " + std::string(stderr_text.substr(0, end + 1)));
 }
 
 bool IsPermissionOnlyStderr(std::string_view stderr_text, bool stderr_truncated, const std::filesystem::path& root) {

@@ -46,6 +46,8 @@ TEST(IsPermissionOnlyStderrTest, EveryLineMustNameAnUnreadablePathBelowTheRoot) 
       {"another program's head", "grep: /srv/repo/a: Permission denied (os error 13)\n", false, false},
       {"rg 13: the absolute path alone", "/srv/repo/a: Permission denied (os error 13)\n", false, true},
       {"rg 13: a relative path alone", "sub/a: Permission denied (os error 13)\n", false, false},
+      {"rg 13: below the searched dot", "./sub/a: Permission denied (os error 13)\n", false, true},
+      {"rg 13: the searched dot itself", "./: Permission denied (os error 13)\n", false, false},
       {"one other line",
        "rg: /srv/repo/a: Permission denied (os error 13)\nrg: /srv/repo/b: No such file or directory (os error 2)\n",
        false, false},
