@@ -80,8 +80,19 @@ CommandResult BuildRipgrepGlobPlan(const FileAccessPolicy& policy, RipgrepGlobPl
 }
 
 std::optional<std::string> ToRipgrepGlob(std::string_view pattern) {
+  std::vector<std::string> parts = SplitPatternParts(pattern);
+  // rg 13 reads "**", and the "**/" it puts in front of a glob without '/', as a run of any bytes
+  // but a line feed: a file below a directory whose name holds one would go unlisted. It tests a
+  // whole name or a "*.<ext>" on the file's own name instead, so with a globstar rg gets the last
+  // name when it has one of those forms and no glob otherwise; the verifier decides the rest.
+  if (std::find(parts.begin(), parts.end(), "**") != parts.end()) {
+    const std::string& last = parts.back();
+    const bool name_test = !HasWildcard(last) || (last.starts_with("*.") && !HasWildcard(last.substr(2)) &&
+                                                  last.find('.', 2) == std::string::npos);
+    parts = {name_test ? last : std::string()};
+  }
   std::string glob;
-  for (const std::string& part : SplitPatternParts(pattern)) {
+  for (const std::string& part : parts) {
     if (!glob.empty()) glob.push_back('/');
     if (part == "**") {
       glob += part;

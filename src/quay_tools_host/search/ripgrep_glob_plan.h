@@ -30,8 +30,9 @@ struct RipgrepGlobPlan {
 // Peels the fixed prefix off `plan.pattern` below `plan.root`; meant for file-only searches.
 [[nodiscard]] CommandResult BuildRipgrepGlobPlan(const FileAccessPolicy& policy, RipgrepGlobPlan& plan);
 
-// The same pattern written for rg's --glob: "**" kept, runs of '*' folded, rg's own
-// metacharacters escaped. None for a pattern that leaves nothing.
+// The pattern written for rg's --glob: runs of '*' folded, rg's own metacharacters escaped. With
+// a "**", which rg cannot match across a line feed, only a last name that is fixed or "*.<ext>";
+// none when nothing is left.
 [[nodiscard]] std::optional<std::string> ToRipgrepGlob(std::string_view pattern);
 
 // The rg --files argument list of a plan, the policy's exclusion globs included.

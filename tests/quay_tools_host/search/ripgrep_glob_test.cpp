@@ -21,13 +21,18 @@ using nlohmann::json;
 
 json JsonOf(const CommandResult& result) { return std::get<DataOutput>(result.outputs->at(0)).data; }
 
-TEST(ToRipgrepGlobTest, KeepsGlobstarsFoldsStarsAndEscapesMetacharacters) {
+TEST(ToRipgrepGlobTest, FoldsStarsEscapesMetacharactersAndKeepsTheLastNameOfAGlobstarPattern) {
   const struct {
     std::string_view pattern;
     std::optional<std::string> glob;
   } cases[] = {
-      {"**/*.h", "**/*.h"},
-      {"a\\b/**/x***y?", "a/b/**/x*y?"},
+      {"**/*.h", "*.h"},
+      {"**/std[io].h", "std\\[io\\].h"},
+      {"a\\b/**/x***y?", std::nullopt},
+      {"**/*.tar.gz", std::nullopt},
+      {"src/**", std::nullopt},
+      {"**", std::nullopt},
+      {"a\\b/*/x***y?", "a/b/*/x*y?"},
       {"[ab]{c,d}!e", "\\[ab\\]\\{c,d\\}\\!e"},
       {"***", "*"},
       {"/lead", "lead"},
@@ -137,7 +142,7 @@ class RipgrepGlobRunTest : public RipgrepGlobTreeTest {
   CommandResult Run(const fs::path& rg, GlobResultBuilder& builder, bool& started, uint64_t timeout_ms = 20000) {
     RipgrepGlobRun glob_run;
     glob_run.run.rg_path = rg;
-    glob_run.run.arguments = {"--no-config", "--files", "--null", "--no-ignore", "--hidden", "--", "."};
+    glob_run.run.arguments = arguments_;
     glob_run.run.cwd = root_;
     glob_run.run.root = root_;
     glob_run.run.timeout_ms = timeout_ms;
@@ -148,6 +153,7 @@ class RipgrepGlobRunTest : public RipgrepGlobTreeTest {
 
   GlobPattern pattern_{"**/*.c"};
   FileAccessPolicy policy_ = Policy();
+  std::vector<std::string> arguments_{"--no-config", "--files", "--null", "--no-ignore", "--hidden", "--", "."};
 };
 
 TEST_F(RipgrepGlobRunTest, RealRgListsAndTheVerifierKeepsTheSameAsItsRules) {
@@ -158,6 +164,35 @@ TEST_F(RipgrepGlobRunTest, RealRgListsAndTheVerifierKeepsTheSameAsItsRules) {
   EXPECT_EQ(JsonOf(builder.ToResult()),
             json({{"matches", {{"file", {(root_ / "src/lib/main.c").string(), (root_ / "src/secret/key.c").string()}}}},
                   {"truncated", {{"file", false}}}}));
+}
+
+TEST_F(RipgrepGlobRunTest, TheCommandLineOfAPlanHidesNoNameWithALineFeedFromRg) {
+  (void)dir_.WriteFile("root/new\nline/deep.c", "");
+  (void)dir_.WriteFile("root/src/new\nline.c", "");
+  const struct {
+    const char* pattern;
+    std::vector<std::string> files;  // below root_
+  } cases[] = {
+      {"**/*", {"new\nline/deep.c", "notes.txt", "src/lib/main.c", "src/new\nline.c", "src/secret/key.c"}},
+      {"**/*.c", {"new\nline/deep.c", "src/lib/main.c", "src/new\nline.c", "src/secret/key.c"}},
+      {"**/deep.c", {"new\nline/deep.c"}},
+      {"**/d*", {"new\nline/deep.c"}},
+      {"*/*.c", {"new\nline/deep.c", "src/new\nline.c"}},
+  };
+  for (const auto& test : cases) {
+    RipgrepGlobPlan plan;
+    plan.root = root_;
+    plan.pattern = test.pattern;
+    plan.max_depth = 10;
+    ASSERT_TRUE(BuildRipgrepGlobArguments(plan, {}, arguments_).ok);
+    pattern_ = GlobPattern(test.pattern);
+    GlobResultBuilder builder(GlobKindBit(GlobEntryKind::kFile), UINT64_MAX, false);
+    bool started = false;
+    ASSERT_TRUE(Run("/usr/bin/rg", builder, started).ok) << test.pattern;
+    json expected = json::array();
+    for (const std::string& file : test.files) expected.push_back((root_ / file).string());
+    EXPECT_EQ(JsonOf(builder.ToResult())["matches"]["file"], expected) << test.pattern;
+  }
 }
 
 TEST_F(RipgrepGlobRunTest, MisbehavingListersEndInTheirOwnFailures) {
@@ -184,7 +219,9 @@ TEST_F(RipgrepGlobRunTest, MisbehavingListersEndInTheirOwnFailures) {
     const CommandResult result = Run(Script(test.name, test.script), builder, started, test.timeout_ms);
     EXPECT_TRUE(started) << test.name;
     EXPECT_EQ(result.ok ? "" : result.error->message, test.message) << test.name;
-    if (result.ok) EXPECT_EQ(builder.count(), test.count) << test.name;
+    if (result.ok) {
+      EXPECT_EQ(builder.count(), test.count) << test.name;
+    }
   }
 }
 
