@@ -256,6 +256,34 @@ TEST_F(FileGlobTest, RgAndTheWalkListTheSameFilesOverRandomTreesAndPolicies) {
   EXPECT_GE(reduced_by_policy, 4u);
 }
 
+// rg hears of the blacklist as exclusion globs, which must keep it from no file that the policy
+// allows: a name recurring deeper, a name right below the root, a directory the whitelist reopens.
+TEST_F(FileGlobTest, ExclusionGlobsHideNothingThatThePolicyAllows) {
+  for (const char* file : {"t/x/a.c", "t/y/x/b.c", "t/name.c", "t/y/name.c", "t/d1/open/o.c", "t/d1/shut/s.c"}) {
+    dir_.WriteFile(file, "x\n");
+  }
+  struct Row {
+    std::vector<std::string> blacklist, whitelist, files;
+  };
+  const Row rows[] = {
+      {{"t/x"}, {}, {"t/d1/open/o.c", "t/d1/shut/s.c", "t/name.c", "t/y/name.c", "t/y/x/b.c"}},
+      {{"t/*/name.c"}, {}, {"t/d1/open/o.c", "t/d1/shut/s.c", "t/name.c", "t/x/a.c", "t/y/x/b.c"}},
+      {{"t/d1/*"}, {"t/d1/open", "t/d1/open/*"}, {"t/d1/open/o.c", "t/name.c", "t/x/a.c", "t/y/name.c", "t/y/x/b.c"}},
+  };
+  for (const Row& row : rows) {
+    json policy = {{"whitelist_patterns", {P("t"), P("t/*")}}, {"blacklist_patterns", json::array()}};
+    for (const std::string& entry : row.blacklist) policy["blacklist_patterns"].push_back(P(entry));
+    for (const std::string& entry : row.whitelist) policy["whitelist_patterns"].push_back(P(entry));
+    std::vector<std::string> files;
+    for (const std::string& file : row.files) files.push_back(P(file));
+    const json params = {{"pattern", "**/*.c"}, {"path", P("t")}, {"type", "file"}, {"policy", policy}};
+    const size_t runs_before = RunsIn(root_ / "tools");
+    EXPECT_EQ(DataOf(Glob(host_, params))["matches"]["file"], files) << policy.dump();
+    EXPECT_EQ(RunsIn(root_ / "tools"), runs_before + 1);
+    EXPECT_EQ(DataOf(Glob(walk_host_, params))["matches"]["file"], files) << policy.dump();
+  }
+}
+
 // Root reads through any mode, so the host runs as nobody to meet unreadable directories.
 TEST(FileGlobUnprivileged, UnreadableDirectoriesListAsEmptyOnBothRoads) {
   quay_test::TempDir dir;

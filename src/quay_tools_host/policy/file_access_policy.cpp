@@ -17,14 +17,6 @@ std::string_view PrefixOrNormalized(const PolicyPattern& pattern) {
                                       : std::string_view(pattern.normalized);
 }
 
-// A literal allow strictly inside a literal deny reopens it; wildcards or equality never do.
-bool Overrides(const PolicyPattern& allow, const PolicyPattern& deny) {
-  if (!allow.is_literal || !deny.is_literal) return false;
-  const std::string_view pa = PrefixOrNormalized(allow);
-  const std::string_view pd = PrefixOrNormalized(deny);
-  return pa != pd && IsPathTextAtOrBelow(pa, pd);
-}
-
 bool CoversSubtree(const PolicyPattern& allow, std::string_view normalized_directory) {
   return allow.has_directory_prefix && IsPathTextAtOrBelow(normalized_directory, allow.directory_prefix);
 }
@@ -47,6 +39,13 @@ std::string DirectoryPrefixOf(const std::string& normalized) {
 }
 
 }  // namespace
+
+bool Overrides(const PolicyPattern& allow, const PolicyPattern& deny) {
+  if (!allow.is_literal || !deny.is_literal) return false;
+  const std::string_view pa = PrefixOrNormalized(allow);
+  const std::string_view pd = PrefixOrNormalized(deny);
+  return pa != pd && IsPathTextAtOrBelow(pa, pd);
+}
 
 std::string NormalizePathForPolicy(std::string_view path_text, bool case_sensitive) {
   std::string text = policy_platform::PlatformForm(path_text);

@@ -40,6 +40,9 @@ struct FileAccessPolicy {
                                                    const std::filesystem::path& logical_path,
                                                    const std::filesystem::path& real_path, bool for_write);
 
+// A literal allow strictly inside a literal deny reopens it; wildcards or equality never do.
+[[nodiscard]] bool Overrides(const PolicyPattern& allow, const PolicyPattern& deny);
+
 // True when everything at or below the directory passes, so a walk needs no per-entry check.
 [[nodiscard]] bool IsSubtreeFullyAllowed(const FileAccessPolicy& policy, std::string_view directory_text);
 

@@ -2,6 +2,7 @@
 // inside one "<dir>/*" pattern.
 #include "quay_tools_host/search/grep_policy_filters.h"
 
+#include <algorithm>
 #include <optional>
 #include <set>
 #include <tuple>
@@ -53,11 +54,18 @@ std::optional<std::string> TranslateBlacklistPattern(std::string_view root, std:
   }
   // A pattern at or above the root is the line filter's to carry.
   if (i == p.size()) return std::nullopt;
+  // The leading '/' ties the glob to the search root: rg tries a glob without one on names at
+  // any depth. A star that meets the root's own segments may take their rest and no level more,
+  // so it is "**"; one behind them spans one level at least, as "*/**" does, except at the end.
   std::string glob;
   for (size_t k = i; k < p.size(); ++k) {
     if (HasPartialWildcard(p[k])) return std::nullopt;
-    if (k > i) glob += '/';
-    glob += p[k] == "*" ? std::string("**") : EscapeGlobLiteral(p[k]);
+    glob += '/';
+    if (p[k] != "*") {
+      glob += EscapeGlobLiteral(p[k]);
+    } else {
+      glob += (k == i && i < r.size()) || k + 1 == p.size() ? "**" : "*/**";
+    }
   }
   return glob;
 }
@@ -82,8 +90,21 @@ bool PolicyGlobFilter::operator<(const PolicyGlobFilter& other) const {
 CommandResult AppendPolicyGlobFilters(const std::filesystem::path& root, const FileAccessPolicyConfig& policy,
                                       std::vector<std::string>& arguments) {
   const std::string root_text = PathToUtf8(root);
+  const std::string normalized_root = NormalizePathForPolicy(root_text, policy.case_sensitive);
+  const FileAccessPolicy compiled = CompileFileAccessPolicy(policy, /*for_write=*/false);
+  // What an allow pattern reopens inside a blacklisted entry, where rg may meet it, would stay
+  // hidden behind the entry's glob.
+  const auto reopened_here = [&](const PolicyPattern& deny) {
+    return std::any_of(compiled.allow.begin(), compiled.allow.end(), [&](const PolicyPattern& allow) {
+      const std::string_view opened = allow.has_directory_prefix ? allow.directory_prefix : allow.normalized;
+      return Overrides(allow, deny) &&
+             (IsPathTextAtOrBelow(opened, normalized_root) || IsPathTextAtOrBelow(normalized_root, opened));
+    });
+  };
   std::set<PolicyGlobFilter> filters;
-  for (const std::string& pattern : policy.blacklist_patterns) {
+  for (size_t d = 0; d < policy.blacklist_patterns.size(); ++d) {
+    if (reopened_here(compiled.deny[d])) continue;
+    const std::string& pattern = policy.blacklist_patterns[d];
     std::optional<std::string> glob = TranslateBlacklistPattern(root_text, pattern, policy.case_sensitive);
     if (!glob) continue;
     // A name excludes a directory's contents as well as the entry itself.

@@ -20,8 +20,9 @@ struct PolicyGlobFilter {
   [[nodiscard]] bool operator<(const PolicyGlobFilter& other) const;
 };
 
-// Appends "--glob"/"--iglob" and "!<glob>" pairs for the blacklist patterns that reach below
-// `root`; none at all when there would be more than kMaxPolicyGlobFilters.
+// Appends "--glob"/"--iglob" and "!<glob>" pairs, anchored at `root` (rg's working directory),
+// for the blacklist patterns that reach below it and that no allow pattern reopens; none at all
+// when there would be more than kMaxPolicyGlobFilters.
 [[nodiscard]] CommandResult AppendPolicyGlobFilters(const std::filesystem::path& root,
                                                     const FileAccessPolicyConfig& policy,
                                                     std::vector<std::string>& arguments);
