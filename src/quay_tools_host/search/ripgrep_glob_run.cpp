@@ -87,7 +87,9 @@ CommandResult RunRipgrepGlobProcess(const RipgrepGlobRun& glob_run, GlobResultBu
     if (!end.stderr_status.ok) return end.stderr_status;
     if (state->stopped) return CommandResult::Success();
     if (static_cast<int32_t>(end.exit_code) <= 1) return CommandResult::Success();
-    if (IsPermissionOnlyStderr(end.output.stderr_text, end.stderr_truncated, glob_run.run.cwd)) {
+    // A root that rg may enter but not list holds nothing to list, as the walk finds too.
+    if (IsPermissionOnlyStderr(end.output.stderr_text, end.stderr_truncated, glob_run.run.cwd,
+                               /*root_counts=*/true)) {
       return CommandResult::Success();
     }
     return RipgrepExitFailure("GLOB_FAILED", end.output.stderr_text);

@@ -186,20 +186,21 @@ void LogCleanupFailure(RipgrepOperation operation, std::string_view stage, const
 // rg from version 14 heads such a line with "rg: "; the rg 13 of this platform's packages prints
 // the path alone, so without the head the path must be absolute, or below the "." that a
 // listing run searches, to count.
-bool PermissionLineInsideRoot(std::string_view line, const std::filesystem::path& root) {
+bool PermissionLineInsideRoot(std::string_view line, const std::filesystem::path& root, bool root_counts) {
   constexpr std::string_view kPrefix = "rg: ";
   const bool headed = line.starts_with(kPrefix);
   const auto ending = std::find_if(kPermissionEndings.begin(), kPermissionEndings.end(),
                                    [line](std::string_view end) { return line.ends_with(end); });
   const size_t head = headed ? kPrefix.size() : 0;
   if (ending == kPermissionEndings.end() || line.size() <= ending->size() + head) return false;
-  std::filesystem::path path = PathFromUtf8(line.substr(head, line.size() - head - ending->size()));
+  const std::string_view text = line.substr(head, line.size() - head - ending->size());
+  std::filesystem::path path = PathFromUtf8(text);
   if (!IsFullyQualifiedPath(path)) {
-    if (!headed && !line.starts_with("./")) return false;
+    if (!headed && !text.starts_with("./") && text != ".") return false;
     path = root / path;
   }
   path = path.lexically_normal();
-  return IsPathInsideRoot(path, root) && !IsPathInsideRoot(root, path);
+  return IsPathInsideRoot(path, root) && (root_counts || !IsPathInsideRoot(root, path));
 }
 
 // Ends a child whose readers could not all be started; the started one ends once the child is
@@ -357,7 +358,8 @@ CommandResult RipgrepExitFailure(std::string_view head, std::string_view stderr_
   return CommandResult::Failure(kCategoryRefused, 1, std::string(head) + ": " + std::string(stderr_text.substr(0, end + 1)));
 }
 
-bool IsPermissionOnlyStderr(std::string_view stderr_text, bool stderr_truncated, const std::filesystem::path& root) {
+bool IsPermissionOnlyStderr(std::string_view stderr_text, bool stderr_truncated, const std::filesystem::path& root,
+                            bool root_counts) {
   if (stderr_truncated || stderr_text.empty()) return false;
   const std::filesystem::path normal_root = root.lexically_normal();
   bool any_line = false;
@@ -368,7 +370,7 @@ bool IsPermissionOnlyStderr(std::string_view stderr_text, bool stderr_truncated,
     begin = end + 1;
     if (line.ends_with('\r')) line.remove_suffix(1);
     if (line.empty()) continue;
-    if (!PermissionLineInsideRoot(line, normal_root)) return false;
+    if (!PermissionLineInsideRoot(line, normal_root, root_counts)) return false;
     any_line = true;
   }
   return any_line;

@@ -76,8 +76,8 @@ struct RipgrepRunEnd {
 [[nodiscard]] CommandResult RipgrepExitFailure(std::string_view head, std::string_view stderr_text);
 
 // Whether every non-empty stderr line reads "rg: <path>: <permission error>" for a path strictly
-// below `root`; false for an empty or truncated stderr.
+// below `root`, or at or below it with `root_counts`; false for an empty or truncated stderr.
 [[nodiscard]] bool IsPermissionOnlyStderr(std::string_view stderr_text, bool stderr_truncated,
-                                          const std::filesystem::path& root);
+                                          const std::filesystem::path& root, bool root_counts = false);
 
 }  // namespace brimo_stack::quay_tools_host::internal

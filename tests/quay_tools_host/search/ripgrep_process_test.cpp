@@ -55,6 +55,23 @@ TEST(IsPermissionOnlyStderrTest, EveryLineMustNameAnUnreadablePathBelowTheRoot) 
   for (const auto& test : cases) {
     EXPECT_EQ(IsPermissionOnlyStderr(test.text, test.truncated, "/srv/repo"), test.expected) << test.name;
   }
+  // A listing that may count the root among what it could not read.
+  const struct {
+    std::string_view text;
+    bool expected;
+  } with_root[] = {
+      {"rg: /srv/repo/: Permission denied (os error 13)\n", true},
+      {"rg: .: Permission denied (os error 13)\n", true},
+      {".: Permission denied (os error 13)\n", true},
+      {"./: Permission denied (os error 13)\n", true},
+      {"./sub/a: Permission denied (os error 13)\n", true},
+      {"..: Permission denied (os error 13)\n", false},
+      {"rg: /srv: Permission denied (os error 13)\n", false},
+      {"sub: Permission denied (os error 13)\n", false},
+  };
+  for (const auto& test : with_root) {
+    EXPECT_EQ(IsPermissionOnlyStderr(test.text, false, "/srv/repo", /*root_counts=*/true), test.expected) << test.text;
+  }
 }
 
 class RipgrepProcessTest : public ::testing::Test {
