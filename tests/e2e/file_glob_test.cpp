@@ -252,8 +252,8 @@ TEST_F(FileGlobTest, RgAndTheWalkListTheSameFilesOverRandomTreesAndPolicies) {
       }
     }
   }
-  EXPECT_GT(non_empty, 60u);
-  EXPECT_GE(reduced_by_policy, 4u);
+  EXPECT_GT(non_empty, 100u);
+  EXPECT_GE(reduced_by_policy, 6u);
 }
 
 // rg hears of the blacklist as exclusion globs, which must keep it from no file that the policy
