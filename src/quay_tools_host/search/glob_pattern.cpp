@@ -23,6 +23,31 @@ GlobSegmentKind ClassifySegment(std::string_view text) {
 
 constexpr uint64_t Bit(size_t position) { return uint64_t{1} << position; }
 
+// Pattern bytes without '*' against as many name bytes.
+bool FixedPartMatches(std::string_view part, std::string_view name_bytes) {
+  for (size_t i = 0; i < part.size(); ++i) {
+    if (part[i] != '?' && part[i] != name_bytes[i]) return false;
+  }
+  return true;
+}
+
+// Most names of a walk fail on their last bytes ("*.h"), so the ends are tried first; with a
+// single '*' that already decides, as the star takes whatever lies between.
+bool WildcardMatches(std::string_view text, std::string_view name) {
+  const size_t first_star = text.find('*');
+  if (first_star == std::string_view::npos) {
+    return text.size() == name.size() && FixedPartMatches(text, name);
+  }
+  const size_t last_star = text.rfind('*');
+  const std::string_view head = text.substr(0, first_star);
+  const std::string_view tail = text.substr(last_star + 1);
+  if (name.size() < head.size() + tail.size() || !FixedPartMatches(head, name) ||
+      !FixedPartMatches(tail, name.substr(name.size() - tail.size()))) {
+    return false;
+  }
+  return first_star == last_star || MatchWildcard(text, name);
+}
+
 }  // namespace
 
 GlobPattern::GlobPattern(std::string_view pattern_text) {
@@ -57,7 +82,7 @@ bool SegmentMatchesName(const GlobSegment& segment, std::string_view name) {
     case GlobSegmentKind::kLiteral: return segment.text == name;
     case GlobSegmentKind::kStar:
     case GlobSegmentKind::kGlobstar: return true;
-    case GlobSegmentKind::kWildcard: return MatchWildcard(segment.text, name);
+    case GlobSegmentKind::kWildcard: return WildcardMatches(segment.text, name);
   }
   return false;
 }

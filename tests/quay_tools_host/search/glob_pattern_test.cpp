@@ -326,7 +326,8 @@ struct DifferentialCounts {
 
 void Compare(const std::string& pattern, const std::string& path, DifferentialCounts& counts) {
   const bool expected = ReferenceMatches(pattern, path);
-  ASSERT_EQ(MatchesPath(GlobPattern(pattern), path), expected) << "pattern \"" << pattern << "\" path \"" << path << '"';
+  ASSERT_EQ(MatchesPath(GlobPattern(pattern), path), expected)
+      << "pattern \"" << pattern << "\" path \"" << path << '"';
   ++counts.compared;
   counts.matched += expected ? 1 : 0;
 }
