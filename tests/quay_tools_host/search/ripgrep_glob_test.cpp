@@ -184,7 +184,9 @@ TEST_F(RipgrepGlobRunTest, MisbehavingListersEndInTheirOwnFailures) {
     const CommandResult result = Run(Script(test.name, test.script), builder, started, test.timeout_ms);
     EXPECT_TRUE(started) << test.name;
     EXPECT_EQ(result.ok ? "" : result.error->message, test.message) << test.name;
-    if (result.ok) EXPECT_EQ(builder.count(), test.count) << test.name;
+    if (result.ok) {
+      EXPECT_EQ(builder.count(), test.count) << test.name;
+    }
   }
 }
 
