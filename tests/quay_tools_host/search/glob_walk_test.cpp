@@ -272,25 +272,31 @@ TEST_F(GlobWalkTest, UnreadableDirectoriesListAsEmpty) {
   EXPECT_EQ(json::parse(text), json::parse(R"([[true, true, ["a.c", "docs/readme.md"], ["docs", "src"], 1], [true, true, [], [], 0]])"));
 }
 
-// An attacker trades root/d, a real directory, with a link to a directory outside the root
-// while walks run. A walk that went down by name would list the outside files under root/d.
+// An attacker trades real directories below the root with links to a directory outside it
+// while walks run. A walk that went down by name would list the outside files below the root.
 TEST(GlobWalkRace, NoWalkListsWhatASwappedInLinkLeadsTo) {
   constexpr int kWalks = 1500;
+  // Several pairs, since the time from an entry's listing to its open depends on its place in
+  // the directory's order, which the file system picks.
+  constexpr int kPairs = 8;
   const quay_test::TempDir temp;
   const fs::path base = fs::canonical(temp.path());
   const fs::path root = base / "root";
-  for (int i = 0; i < 8; ++i) {
-    temp.WriteFile("root/d/inside" + std::to_string(i), "");
-    temp.WriteFile("outside/secret" + std::to_string(i), "");
+  for (int i = 0; i < 4; ++i) temp.WriteFile("outside/secret" + std::to_string(i), "");
+  std::vector<std::pair<fs::path, fs::path>> pairs;
+  for (int i = 0; i < kPairs; ++i) {
+    pairs.emplace_back(temp.WriteFile("root/d" + std::to_string(i) + "/inside", "").parent_path(),
+                       root / ("parked" + std::to_string(i)));
+    fs::create_directory_symlink("../outside", pairs.back().second);
   }
-  // Entries listed with d and handled before it widen the time between its listing and its open.
+  // Entries handled between a directory's listing and its open widen the window.
   for (int i = 0; i < 300; ++i) temp.WriteFile("root/filler" + std::to_string(i), "");
-  fs::create_directory_symlink("../outside", root / "parked");
   std::atomic<bool> stop{false};
   std::atomic<long> swaps{0};
   std::thread swapper([&] {
-    while (!stop.load(std::memory_order_relaxed) &&
-           ::renameat2(AT_FDCWD, (root / "d").c_str(), AT_FDCWD, (root / "parked").c_str(), RENAME_EXCHANGE) == 0) {
+    for (size_t i = 0; !stop.load(std::memory_order_relaxed); i = (i + 1) % pairs.size()) {
+      const auto& [d, parked] = pairs[i];
+      if (::renameat2(AT_FDCWD, d.c_str(), AT_FDCWD, parked.c_str(), RENAME_EXCHANGE) != 0) return;
       swaps.fetch_add(1, std::memory_order_relaxed);
     }
   });
@@ -305,20 +311,17 @@ TEST(GlobWalkRace, NoWalkListsWhatASwappedInLinkLeadsTo) {
       break;
     }
     const Listed listed = Collect(builder, root);
-    std::string escaped;
-    bool below = false;
     for (const std::string& file : listed.files) {
-      if (file.find("secret") != std::string::npos) escaped = file;
-      below = below || file.find('/') != std::string::npos;
+      if (file.find("secret") != std::string::npos && escapes++ == 0) first_escape = file;
     }
-    if (!escaped.empty() && escapes++ == 0) first_escape = escaped;
-    entered += below;
-    // Listed as a directory, yet nothing below it: the link arrived between listing and open.
-    raced += !listed.directories.empty() && !below;
+    for (const std::string& directory : listed.directories) {
+      // Listed as a directory, yet not entered: the link arrived between listing and open.
+      (listed.files.contains(directory + "/inside") ? entered : raced)++;
+    }
   }
   stop = true;
   swapper.join();
-  std::printf("%d walks, %ld swaps: %d entered the directory, %d met the link in its place after listing it\n", kWalks,
+  std::printf("%d walks, %ld swaps: %d directories entered, %d met a link in their place after listing\n", kWalks,
               swaps.load(), entered, raced);
   EXPECT_EQ(escapes, 0) << "first: " << first_escape;
   EXPECT_GT(swaps.load(), kWalks) << "the swapper stopped";
