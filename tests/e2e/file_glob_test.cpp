@@ -177,7 +177,9 @@ json RandomPolicy(std::mt19937& rng, const fs::path& root, const RandomTree& tre
         const fs::path dir = pick(subdirs, {});
         black.push_back(r + "/" + dir.native() + "/*");
         for (const fs::path& inner : subdirs) {
-          if (inner.parent_path() == dir) white.insert(white.end(), {r + "/" + inner.native(), r + "/" + inner.native() + "/*"});
+          if (inner.parent_path() != dir) continue;
+          white.push_back(r + "/" + inner.native());
+          white.push_back(r + "/" + inner.native() + "/*");
         }
       }
     }
@@ -310,7 +312,9 @@ TEST(FileGlobUnprivileged, UnreadableDirectoriesListAsEmptyOnBothRoads) {
     bool through_rg;  // rg can enter the root
   };
   const Row rows[] = {
-      {"tree", {"tree/open/a.c", "tree/open/deeper/d.c"}, true}, {"tree/closed", {}, false}, {"tree/passable", {}, true}};
+      {"tree", {"tree/open/a.c", "tree/open/deeper/d.c"}, true},
+      {"tree/closed", {}, false},
+      {"tree/passable", {}, true}};
   for (const Row& row : rows) {
     const size_t runs_before = RunsIn(tools);
     const json params = {{"pattern", "**/*.c"}, {"path", (root / row.root).native()}, {"type", "file"}};

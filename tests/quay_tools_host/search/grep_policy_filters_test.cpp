@@ -64,7 +64,8 @@ TEST(AppendPolicyGlobFiltersTest, AnEntryThatAnAllowPatternReopensStaysOff) {
   } cases[] = {
       {"whitelisted_inside", {"/proj/*", "/proj/secret/open/*"}, {}, {"--iglob", "!/other/**"}},
       {"read_only_inside", {"/proj/*"}, {"/proj/other/docs"}, {"--iglob", "!/secret/**"}},
-      {"wildcard_reopens_nothing", {"/proj/*", "/proj/secret/op*"}, {}, {"--iglob", "!/other/**", "--iglob", "!/secret/**"}},
+      {"wildcard_reopens_nothing", {"/proj/*", "/proj/secret/op*"}, {},
+       {"--iglob", "!/other/**", "--iglob", "!/secret/**"}},
   };
   for (const auto& c : cases) {
     FileAccessPolicyConfig policy;
