@@ -46,7 +46,8 @@ pair() {
     tb=$(seconds "$3")
     a_times+=("$ta") b_times+=("$tb") ratios+=("$(echo "$ta / $tb" | bc -l)")
   done
-  printf '%-34s host %.3f s  other %.3f s  ratio %.2f\n' "$1" \
+  printf '%s\n  host:  %s\n  other: %s\n' "$1" "$2" "$3"
+  printf '  median wall: host %.3f s, other %.3f s; median of pairwise ratios %.2f\n' \
     "$(printf '%s\n' "${a_times[@]}" | median)" "$(printf '%s\n' "${b_times[@]}" | median)" \
     "$(printf '%s\n' "${ratios[@]}" | median)"
 }
