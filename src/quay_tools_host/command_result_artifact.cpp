@@ -62,8 +62,9 @@ CommandResult WriteResultArtifact(CommandResult result, std::string_view result_
   }
   return internal::CreateResultArtifact(root, relative, [&result](std::string& bytes) {
     try {
-      // The default handler throws on a string that is not valid UTF-8: the file holds strict UTF-8.
-      bytes = local_runtime::BuildResponseEnvelope(result).dump();
+      // A file name need not be UTF-8: the file carries it as the channel would, with U+FFFD.
+      bytes = local_runtime::BuildResponseEnvelope(result).dump(-1, ' ', /*ensure_ascii=*/false,
+                                                                  nlohmann::json::error_handler_t::replace);
     } catch (const std::exception&) {
       return internal::ArtifactFailure(kSerializeFailedMessage);
     }

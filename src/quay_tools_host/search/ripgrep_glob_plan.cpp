@@ -80,33 +80,15 @@ CommandResult BuildRipgrepGlobPlan(const FileAccessPolicy& policy, RipgrepGlobPl
 }
 
 std::optional<std::string> ToRipgrepGlob(std::string_view pattern) {
-  std::vector<std::string> parts = SplitPatternParts(pattern);
-  // rg 13 reads "**", and the "**/" it puts in front of a glob without '/', as a run of any bytes
-  // but a line feed: a file below a directory whose name holds one would go unlisted. It tests a
-  // whole name or a "*.<ext>" on the file's own name instead, so with a globstar rg gets the last
-  // name when it has one of those forms and no glob otherwise; the verifier decides the rest.
-  if (std::find(parts.begin(), parts.end(), "**") != parts.end()) {
-    const std::string& last = parts.back();
-    const bool name_test = !HasWildcard(last) || (last.starts_with("*.") && !HasWildcard(last.substr(2)) &&
-                                                  last.find('.', 2) == std::string::npos);
-    parts = {name_test ? last : std::string()};
-  }
-  std::string glob;
-  for (const std::string& part : parts) {
-    if (!glob.empty()) glob.push_back('/');
-    if (part == "**") {
-      glob += part;
-      continue;
-    }
-    std::string folded;
-    for (const char c : part) {
-      if (c == '*' && !folded.empty() && folded.back() == '*') continue;
-      folded.push_back(c);
-    }
-    glob += EscapeGlobLiteral(folded);
-  }
-  if (glob.empty()) return std::nullopt;
-  return glob;
+  // rg 13 matches its globs as expressions whose wildcards stop at a line feed, so a glob over
+  // directory names would leave files below a name holding one unlisted. Only its tests of a
+  // file's own name, a whole fixed name or "*.<ext>", are exact; the verifier decides the rest.
+  const std::vector<std::string> parts = SplitPatternParts(pattern);
+  const std::string& last = parts.back();
+  const bool extension_test =
+      last.starts_with("*.") && !HasWildcard(last.substr(2)) && last.find('.', 2) == std::string::npos;
+  if (last.empty() || (HasWildcard(last) && !extension_test)) return std::nullopt;
+  return EscapeGlobLiteral(last);
 }
 
 CommandResult BuildRipgrepGlobArguments(const RipgrepGlobPlan& plan, const FileAccessPolicyConfig& policy,

@@ -30,9 +30,8 @@ struct RipgrepGlobPlan {
 // Peels the fixed prefix off `plan.pattern` below `plan.root`; meant for file-only searches.
 [[nodiscard]] CommandResult BuildRipgrepGlobPlan(const FileAccessPolicy& policy, RipgrepGlobPlan& plan);
 
-// The pattern written for rg's --glob: runs of '*' folded, rg's own metacharacters escaped. With
-// a "**", which rg cannot match across a line feed, only a last name that is fixed or "*.<ext>";
-// none when nothing is left.
+// What rg may test itself: the pattern's last name when that is fixed or "*.<ext>", escaped for
+// rg's glob syntax; none otherwise, and rg then lists every file for the verifier.
 [[nodiscard]] std::optional<std::string> ToRipgrepGlob(std::string_view pattern);
 
 // The rg --files argument list of a plan, the policy's exclusion globs included.
