@@ -13,6 +13,7 @@
 #include "brimo_stack_common/posix/retry_on_eintr.h"
 #include "brimo_stack_common/posix/scoped_fd.h"
 #include "quay_tools_host/files/link_free_open_posix.h"
+#include "quay_tools_host/search/posix/directory_entry_type.h"
 
 namespace brimo_stack::quay_tools_host::internal {
 namespace {
@@ -37,13 +38,6 @@ DirectoryEntryType TypeOfDirent(unsigned char type) {
     default:
       return DirectoryEntryType::kOther;
   }
-}
-
-DirectoryEntryType TypeOfMode(mode_t mode) {
-  if (S_ISREG(mode)) return DirectoryEntryType::kRegular;
-  if (S_ISDIR(mode)) return DirectoryEntryType::kDirectory;
-  if (S_ISLNK(mode)) return DirectoryEntryType::kSymlink;
-  return DirectoryEntryType::kOther;
 }
 
 bool IsDenied(int number) { return number == EACCES || number == EPERM; }
@@ -122,7 +116,7 @@ std::error_code DirectoryListing::Next(DirectoryEntry& entry) {
 std::error_code DirectoryListing::StatEntry(DirectoryEntryType& type) const {
   struct stat info {};
   if (::fstatat(state_->fd.get(), state_->current_name, &info, AT_SYMLINK_NOFOLLOW) != 0) return ErrorOf(errno);
-  type = TypeOfMode(info.st_mode);
+  type = DirectoryEntryTypeOfMode(info.st_mode);
   return {};
 }
 

@@ -42,6 +42,7 @@ CommandResult ReadRipgrepGlobPaths(INativeProcess& process, GlobReaderState& sta
     CommandResult status = process.ReadStdout(buffer, sizeof(buffer), read);
     if (!status.ok) return status;
     pending.append(buffer, read.bytes_read);
+    state.verifier.StartRead();
     if (pending.size() > kMaxPendingGlobPath) {
       return GlobFailure(kCategoryInternal, 0, "rg returned an oversized unterminated path");
     }

@@ -118,8 +118,19 @@ TEST_F(RipgrepGlobTreeTest, VerifierDropsPathsOnceTheirDirectoryBecameALink) {
   // The proved directory moves away and a link to the outside takes its name.
   fs::rename(root_ / "src/lib", dir_.path() / "moved");
   fs::create_directory_symlink(dir_.path() / "outside", root_ / "src/lib");
+  verifier.StartRead();
   ASSERT_TRUE(verifier.Verify("src/lib/main.c", pattern, builder).ok);
   EXPECT_EQ(builder.count(), 1u);
+  // The same for a level above a directory that stays held open.
+  (void)dir_.WriteFile("root/src/deep/x.c", "");
+  (void)dir_.WriteFile("real/deep/x.c", "");
+  ASSERT_TRUE(verifier.Verify("src/deep/x.c", pattern, builder).ok);
+  ASSERT_EQ(builder.count(), 2u);
+  fs::rename(root_ / "src", dir_.path() / "moved_src");
+  fs::create_directory_symlink(dir_.path() / "real", root_ / "src");
+  verifier.StartRead();
+  ASSERT_TRUE(verifier.Verify("src/deep/x.c", pattern, builder).ok);
+  EXPECT_EQ(builder.count(), 2u);
 }
 
 class RipgrepGlobRunTest : public RipgrepGlobTreeTest {
