@@ -12,6 +12,7 @@ rg=/usr/bin/rg
 fd=$(command -v fdfind || command -v fd || true)
 work=$(mktemp -d /tmp/quay_glob_bench.XXXXXX)
 trap 'rm -rf "$work"' EXIT
+source "$(dirname "$0")/pair_timing.sh"
 config='{"log":{"log_dir":"","log_level":0},"transport":null}'
 init='{"method":"internal:initialize","params":{"rg_executable":"'"$rg"'"}}'
 
@@ -28,30 +29,6 @@ requests() {
 }
 host_cmd() { echo "$host --brimo-stack-host-config '$config' < $1 > $work/host.out"; }
 
-# Wall seconds of one run of a shell command.
-seconds() {
-  local start=$EPOCHREALTIME
-  bash -c "$1" >/dev/null 2>&1 || true
-  echo "$EPOCHREALTIME - $start" | bc -l
-}
-median() { sort -g | awk '{v[NR] = $1} END {print (NR % 2) ? v[(NR + 1) / 2] : (v[NR / 2] + v[NR / 2 + 1]) / 2}'; }
-
-# pair LABEL A B: one warm-up each, then `runs` alternations.
-pair() {
-  local a_times=() b_times=() ratios=() ta tb
-  seconds "$2" >/dev/null
-  seconds "$3" >/dev/null
-  for ((i = 0; i < runs; ++i)); do
-    ta=$(seconds "$2")
-    tb=$(seconds "$3")
-    a_times+=("$ta") b_times+=("$tb") ratios+=("$(echo "$ta / $tb" | bc -l)")
-  done
-  printf '%s\n  host:  %s\n  other: %s\n' "$1" "$2" "$3"
-  printf '  median wall: host %.3f s, other %.3f s; median of pairwise ratios %.2f\n' \
-    "$(printf '%s\n' "${a_times[@]}" | median)" "$(printf '%s\n' "${b_times[@]}" | median)" \
-    "$(printf '%s\n' "${ratios[@]}" | median)"
-}
-
 # in_host LABEL INIT PARAMS: one request inside a running host.
 in_host() {
   local one eleven
@@ -63,9 +40,9 @@ in_host() {
     "$(echo "($(printf '%s\n' "${t11[@]}" | median) - $(printf '%s\n' "${t1[@]}" | median)) / 10" | bc -l)"
 }
 
-h_rg='{"pattern":"**/*.h","path":"/usr","type":"file","timeout_ms":600000}'
-stdio='{"pattern":"**/stdio.h","path":"/usr","type":"file","timeout_ms":600000}'
-prefix='{"pattern":"include/**/*.h","path":"/usr","type":"file","timeout_ms":600000}'
+h_rg='{"pattern":"**/*.h","path":"/usr","type":"file","max_depth":100,"timeout_ms":600000}'
+stdio='{"pattern":"**/stdio.h","path":"/usr","type":"file","max_depth":100,"timeout_ms":600000}'
+prefix='{"pattern":"include/**/*.h","path":"/usr","type":"file","max_depth":100,"timeout_ms":600000}'
 
 by_rg="$rg --files -g '*.h' /usr"
 by_find="find /usr -name '*.h'"

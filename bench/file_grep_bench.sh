@@ -2,9 +2,11 @@
 # file_grep through the host (started, initialised and asked once) against the same rg run by
 # hand, on a tree of about 150,000 files: hard links to /usr/share twice and /usr/include, so
 # the tree costs no disk and both sides read the same page cache.
-# Usage: bench/file_grep_bench.sh [path/to/quay_tools_host]   (tree kept in $BENCH_DIR, default /tmp)
+# Usage: bench/file_grep_bench.sh [path/to/quay_tools_host] [runs]   (tree kept in $BENCH_DIR, default /tmp)
 set -euo pipefail
 host=$(realpath "${1:-$(dirname "$0")/../build/quay_tools_host}")
+runs=${2:-7}
+source "$(dirname "$0")/pair_timing.sh"
 tree=${BENCH_DIR:-/tmp}/quay_grep_bench_tree
 rg=/usr/bin/rg
 
@@ -25,6 +27,6 @@ for word in include quetzalcoatl; do
   by_host="exec $host --brimo-stack-host-config '$config' < /tmp/quay_grep_bench_requests > /tmp/quay_grep_bench_host.out"
   by_hand="sh -c 'exec $rg --no-config --no-follow -n --color never -M 200 --max-columns-preview -F -- $word $tree > /tmp/quay_grep_bench_rg.out'"
   echo "== pattern '$word'"
-  farm-bench -n 7 --timeout 900 --vs "$by_hand" -- sh -c "$by_host"
+  pair "file_grep '$word' vs rg by hand" "$by_host" "$by_hand"
   echo "host answered $(wc -c < /tmp/quay_grep_bench_host.out) bytes; rg alone printed $(wc -c < /tmp/quay_grep_bench_rg.out) bytes"
 done
