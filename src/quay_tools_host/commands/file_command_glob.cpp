@@ -25,7 +25,9 @@ using namespace internal;
 constexpr uint64_t kMaxGlobDepth = 100;
 constexpr uint64_t kMaxGlobTimeoutMs = 4611686018427;
 
-CommandResult InvalidGlobArgument(std::string_view text) { return CommandResult::Failure(kCategoryRefused, 1, std::string(text)); }
+CommandResult InvalidGlobArgument(std::string_view text) {
+  return CommandResult::Failure(kCategoryRefused, 1, std::string(text));
+}
 
 // The kinds a request wants, or a refusal of its type word.
 CommandResult GlobTypeMask(const FileGlobRequest& request, uint8_t& mask) {

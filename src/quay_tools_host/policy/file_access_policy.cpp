@@ -83,8 +83,7 @@ PolicyPattern CompilePolicyPattern(std::string_view raw, bool case_sensitive) {
   pattern.normalized = NormalizePathForPolicy(raw, case_sensitive);
   pattern.directory_prefix = DirectoryPrefixOf(pattern.normalized);
   pattern.has_directory_prefix = !pattern.directory_prefix.empty();
-  pattern.is_literal =
-      pattern.has_directory_prefix || pattern.normalized.find_first_of("*?") == std::string::npos;
+  pattern.is_literal = pattern.has_directory_prefix || pattern.normalized.find_first_of("*?") == std::string::npos;
   return pattern;
 }
 
@@ -131,7 +130,8 @@ CommandResult CheckFileAccess(const FileAccessPolicy& policy, std::string_view p
     }
   }
   return CommandResult::Failure(kCategoryRefused, kPolicyDeniedCode,
-                                "FILE_ACCESS_DENIED: did not match any whitelist pattern", FailureReason::kAccessDenied);
+                                "FILE_ACCESS_DENIED: did not match any whitelist pattern",
+                                FailureReason::kAccessDenied);
 }
 
 CommandResult CheckRequestPathAccess(const FileAccessPolicyConfig& config, const std::filesystem::path& logical_path,

@@ -92,7 +92,8 @@ std::error_code DirectoryListing::Next(DirectoryEntry& entry) {
   if (state == nullptr || !state->fd.valid()) return {};
   for (;;) {
     if (state->position >= state->used) {
-      const ssize_t got = RetryOnEintr([&] { return ::getdents64(state->fd.get(), state->buffer, sizeof(state->buffer)); });
+      const ssize_t got =
+          RetryOnEintr([&] { return ::getdents64(state->fd.get(), state->buffer, sizeof(state->buffer)); });
       if (got < 0) return ErrorOf(errno);
       state->used = static_cast<size_t>(got);
       state->position = 0;

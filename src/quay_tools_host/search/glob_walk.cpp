@@ -108,8 +108,8 @@ CommandResult WalkGlob(const std::filesystem::path& root, const GlobPattern& pat
       // Before its first entry a read failure is the directory's own, as if it had not opened.
       if (frame.entry_length == 0) {
         return height == 1 ? StageFailure("open search root", root_text, error)
-                           : StageFailure("open directory entry", std::string_view(path).substr(0, frame.directory_length),
-                                          error);
+                           : StageFailure("open directory entry",
+                                          std::string_view(path).substr(0, frame.directory_length), error);
       }
       return StageFailure("traverse directory entry", std::string_view(path).substr(0, frame.entry_length), error);
     }

@@ -67,13 +67,14 @@ CommandResult ReadRipgrepGlobPaths(INativeProcess& process, GlobReaderState& sta
   }
 }
 
-CommandResult UnterminatedPathFailure() { return GlobFailure(kCategoryInternal, 0, "rg returned an unterminated path"); }
+CommandResult UnterminatedPathFailure() {
+  return GlobFailure(kCategoryInternal, 0, "rg returned an unterminated path");
+}
 
 }  // namespace
 
 CommandResult RunRipgrepGlobProcess(const RipgrepGlobRun& glob_run, GlobResultBuilder& builder, bool& started) {
-  const auto state =
-      std::make_shared<GlobReaderState>(*glob_run.pattern, glob_run.run.cwd, *glob_run.policy, builder);
+  const auto state = std::make_shared<GlobReaderState>(*glob_run.pattern, glob_run.run.cwd, *glob_run.policy, builder);
   RipgrepRunEnd end;
   CommandResult ran = RunRipgrepChild(
       glob_run.run, RipgrepOperation::kGlob,
@@ -96,8 +97,8 @@ CommandResult RunRipgrepGlobProcess(const RipgrepGlobRun& glob_run, GlobResultBu
     return RipgrepExitFailure("GLOB_FAILED", end.output.stderr_text);
   }
 
-  const bool timed_out = end.first_wait.error && end.first_wait.error->category == kCategoryTimeout &&
-                         end.first_wait.error->code == 5;
+  const bool timed_out =
+      end.first_wait.error && end.first_wait.error->category == kCategoryTimeout && end.first_wait.error->code == 5;
   if (!end.drain.ok) return timed_out ? GlobTimeoutFailure() : end.first_wait;
   builder = std::move(state->builder);
   if (timed_out) return GlobTimeoutFailure();
