@@ -144,29 +144,42 @@ void PlantKnownEntries(const fs::path& root) {
 }
 
 // A whitelist that covers the root, and one to three blacklist entries of the sorts that the
-// rg road hands to rg as exclusion globs and of the sorts that only the host can decide.
+// rg road hands to rg as exclusion globs and of the sorts that only the host can decide. Names
+// are picked where a glob that reaches too far would show: a top-level directory whose name
+// recurs deeper, a top-level file for "<root>/*/<name>".
 json RandomPolicy(std::mt19937& rng, const fs::path& root, const RandomTree& tree) {
+  const auto pick = [&](const std::vector<fs::path>& list, const std::vector<fs::path>& fallback) -> fs::path {
+    const auto& from = list.empty() ? fallback : list;
+    return from.empty() ? fs::path("none") : from[rng() % from.size()];
+  };
   // Request text must be UTF-8, so names with ill-formed bytes stay out of the lists.
   const auto usable = [](const fs::path& path) { return path.native().find('\xff') == std::string::npos; };
-  std::vector<fs::path> subdirs, files;
+  const auto top = [](const fs::path& path) { return !path.has_parent_path(); };
+  std::vector<fs::path> subdirs, recurring_top_dirs, top_files;
   std::copy_if(tree.dirs.begin() + 1, tree.dirs.end(), std::back_inserter(subdirs), usable);
-  std::copy_if(tree.files.begin(), tree.files.end(), std::back_inserter(files), usable);
-  const auto pick = [&](const std::vector<fs::path>& list) {
-    return list.empty() ? fs::path("none") : list[rng() % list.size()];
-  };
+  std::copy_if(tree.files.begin(), tree.files.end(), std::back_inserter(top_files),
+               [&](const fs::path& file) { return usable(file) && top(file); });
+  for (const fs::path& dir : subdirs) {
+    if (!top(dir)) continue;
+    const auto deeper = [&](const fs::path& other) { return !top(other) && other.filename() == dir; };
+    if (std::any_of(tree.dirs.begin(), tree.dirs.end(), deeper) ||
+        std::any_of(tree.files.begin(), tree.files.end(), deeper)) {
+      recurring_top_dirs.push_back(dir);
+    }
+  }
   const std::string r = root.native();
   json white = rng() % 2 ? json{r, r + "/*"} : json{root.parent_path().native() + "/*"};
   json black = json::array();
   for (unsigned n = 1 + rng() % 3; n > 0; --n) {
     switch (rng() % 6) {
-      case 0: black.push_back(r + "/" + pick(subdirs).native() + "/*"); break;
-      case 1: black.push_back(r + "/" + pick(subdirs).native()); break;
+      case 0: black.push_back(r + "/" + pick(subdirs, {}).native() + "/*"); break;
+      case 1: black.push_back(r + "/" + pick(recurring_top_dirs, subdirs).native()); break;
       case 2: black.push_back("*.txt"); break;
       case 3: black.push_back("*.H"); break;
-      case 4: black.push_back(r + "/*/" + pick(files).filename().native()); break;
+      case 4: black.push_back(r + "/*/" + pick(top_files, {}).native()); break;
       default: {
         // A directory that the whitelist names, inside a blacklisted one, is open again.
-        const fs::path dir = pick(subdirs);
+        const fs::path dir = pick(subdirs, {});
         black.push_back(r + "/" + dir.native() + "/*");
         for (const fs::path& inner : subdirs) {
           if (inner.parent_path() != dir) continue;
