@@ -210,12 +210,12 @@ TEST_F(FileGlobTest, RgAndTheWalkListTheSameFilesOverRandomTreesAndPolicies) {
     json max_depth;
     bool runs_rg;  // no fixed head, so rg runs whatever the tree holds
   } rows[] = {{"**/*.c", nullptr, true},     {"**/*", nullptr, true},         {"**", nullptr, true},
-                      {"**/.*", nullptr, true},      {"**/.*/**", nullptr, true},     {"*/*.h", nullptr, true},
-                      {"*/*/*", nullptr, true},      {"**/?.c", nullptr, true},       {"**/??.c", nullptr, true},
-                      {"**/[ab].c", nullptr, true},  {"**/{x,y}.C", nullptr, true},   {"**/*.C", nullptr, true},
-                      {"**/new*", nullptr, true},    {"**/a/**", nullptr, true},      {"**/*.c", 3, true},
-                      {"**", 1, true},               {"**/*.c", 12, true},            {"deep/**/z.c", nullptr, false},
-                      {"deep/*/*/*/z.c", nullptr, false}, {"plain/**/*.c", nullptr, false}, {"x/**", nullptr, false}};
+              {"**/.*", nullptr, true},      {"**/.*/**", nullptr, true},     {"*/*.h", nullptr, true},
+              {"*/*/*", nullptr, true},      {"**/?.c", nullptr, true},       {"**/??.c", nullptr, true},
+              {"**/[ab].c", nullptr, true},  {"**/{x,y}.C", nullptr, true},   {"**/*.C", nullptr, true},
+              {"**/new*", nullptr, true},    {"**/a/**", nullptr, true},      {"**/*.c", 3, true},
+              {"**", 1, true},               {"**/*.c", 12, true},            {"deep/**/z.c", nullptr, false},
+              {"deep/*/*/*/z.c", nullptr, false}, {"plain/**/*.c", nullptr, false}, {"x/**", nullptr, false}};
   size_t non_empty = 0, reduced_by_policy = 0;
   for (const uint32_t seed : {1u, 2u, 3u, 5u, 8u, 13u, 21u, 34u}) {
     quay_test::TempDir dir;
@@ -448,7 +448,8 @@ TEST_F(FileGlobTest, AResultFileTakesTheWholeAnswer) {
 // Stand-ins for rg: whatever one prints counts only once the host has proved it, and its
 // failures come back as failures, with no fallback to the walk.
 TEST_F(FileGlobTest, WhatAnRgStandInPrintsCountsOnlyWhenProved) {
-  WriteFiles(root_, {"tree/a.c", "tree/sub/c.c", "tree/sub/d.c", "tree/sub/e.c", "tree/secret/s.c", "x.c"});
+  WriteFiles(root_, {"tree/a.c", "tree/sub/c.c", "tree/sub/d.c", "tree/sub/e.c", "tree/sub/f.txt", "tree/secret/s.c",
+                     "x.c"});
   fs::create_directory(P("tree/dir.c"));
   ASSERT_EQ(::mkfifo(P("tree/fifo.c").c_str(), 0600), 0);
   fs::create_symlink("sub", P("tree/linkdir"));
@@ -456,8 +457,8 @@ TEST_F(FileGlobTest, WhatAnRgStandInPrintsCountsOnlyWhenProved) {
   // wiring or what only a real tree shows.
   std::string printed;
   for (const std::string& record : std::vector<std::string>{"a.c", "sub/c.c", "./sub/d.c", "", "../x.c", P("x.c"),
-                                                             P("tree/a.c"), "linkdir/e.c", "secret/s.c", "dir.c",
-                                                             "fifo.c", "sub//c.c/.."}) {
+                                                             P("tree/a.c"), "linkdir/e.c", "sub/f.txt", "secret/s.c",
+                                                             "dir.c", "fifo.c", "sub//c.c/.."}) {
     printed += record + '\0';
   }
   std::ofstream(P("tools/printed"), std::ios::binary) << printed;
