@@ -42,7 +42,6 @@ std::vector<std::string> Split(std::string_view text) {
   return pieces;
 }
 
-// '*' any run of bytes, '?' one byte, every other byte itself.
 bool ReferenceNameMatch(std::string_view pattern, std::string_view name) {
   if (pattern.empty()) return name.empty();
   if (pattern.front() == '*') {
@@ -56,59 +55,38 @@ bool ReferenceNameMatch(std::string_view pattern, std::string_view name) {
 }
 
 bool ReferenceSegmentMatch(std::string_view segment, std::string_view name) {
-  if (!name.empty() && name.front() == '.' && (segment.empty() || segment.front() != '.')) return false;
-  return ReferenceNameMatch(segment, name);
+  return (!name.starts_with('.') || segment.starts_with('.')) && ReferenceNameMatch(segment, name);
 }
 
-class ReferenceMatcher {
- public:
-  ReferenceMatcher(std::string pattern, std::string_view path) {
-    std::replace(pattern.begin(), pattern.end(), '\\', '/');
-    segments_ = Split(pattern);
-    const std::vector<std::string> all_names = Split(path);
-    ends_in_nothing_ = all_names.back().empty() || all_names.back() == ".";
-    for (const std::string& name : all_names) {
-      if (!name.empty() && name != ".") names_.push_back(name);
-    }
-    memo_.assign((segments_.size() + 1) * (names_.size() + 1), kUnknown);
-  }
-
-  bool Matches() { return !ends_in_nothing_ && Consumes(0, 0); }
-
- private:
-  static constexpr char kUnknown = 2;
-
-  bool OnlyGlobstarsFrom(size_t s) const {
-    return std::all_of(segments_.begin() + static_cast<ptrdiff_t>(s), segments_.end(),
-                       [](const std::string& seg) { return seg == "**"; });
-  }
-
+bool ReferenceMatches(std::string pattern, std::string_view path) {
+  std::replace(pattern.begin(), pattern.end(), '\\', '/');
+  const std::vector<std::string> segments = Split(pattern);
+  std::vector<std::string> names = Split(path);
+  if (names.back().empty() || names.back() == ".") return false;
+  std::erase_if(names, [](const std::string& name) { return name.empty() || name == "."; });
+  const auto globstars_from = [&](size_t s) {
+    return std::all_of(segments.begin() + static_cast<ptrdiff_t>(s), segments.end(),
+                       [](const std::string& segment) { return segment == "**"; });
+  };
   // Segments from s take names from n on, and the last name is taken by a segment behind which
   // only globstars stand ("**" for itself and the rest, any other segment as the very last).
-  bool Consumes(size_t s, size_t n) {
-    if (s == segments_.size() || n == names_.size()) return false;
-    char& known = memo_[s * (names_.size() + 1) + n];
-    if (known != kUnknown) return known != 0;
-    const bool last_name = n + 1 == names_.size();
-    bool result = false;
-    if (segments_[s] == "**") {
-      result = Consumes(s + 1, n) ||
-               (ReferenceSegmentMatch("**", names_[n]) && (last_name ? OnlyGlobstarsFrom(s) : Consumes(s, n + 1)));
-    } else if (ReferenceSegmentMatch(segments_[s], names_[n])) {
-      result = last_name ? s + 1 == segments_.size() : Consumes(s + 1, n + 1);
+  std::vector<int8_t> memo(segments.size() * names.size(), -1);
+  const auto consumes = [&](const auto& self, size_t s, size_t n) -> bool {
+    if (s == segments.size()) return false;
+    int8_t& known = memo[s * names.size() + n];
+    if (known < 0) {
+      const bool last = n + 1 == names.size();
+      if (segments[s] == "**") {
+        known = self(self, s + 1, n) ||
+                (ReferenceSegmentMatch("**", names[n]) && (last ? globstars_from(s) : self(self, s, n + 1)));
+      } else {
+        known = ReferenceSegmentMatch(segments[s], names[n]) &&
+                (last ? s + 1 == segments.size() : self(self, s + 1, n + 1));
+      }
     }
-    known = result ? 1 : 0;
-    return result;
-  }
-
-  std::vector<std::string> segments_;
-  std::vector<std::string> names_;
-  bool ends_in_nothing_ = false;
-  std::vector<char> memo_;
-};
-
-bool ReferenceMatches(std::string_view pattern, std::string_view path) {
-  return ReferenceMatcher(std::string(pattern), path).Matches();
+    return known != 0;
+  };
+  return consumes(consumes, 0, 0);
 }
 
 // --- Table cases. ---
@@ -121,114 +99,66 @@ std::string Repeat(std::string_view piece, int times) {
 
 TEST(GlobPatternTest, MatchesPathsByTheRules) {
   const struct {
-    std::string pattern, path;
-    bool matches;
+    std::string pattern;
+    std::vector<std::string> matching, other;
   } cases[] = {
-      {"*.TXT", "a.txt", false},
-      {"*.txt", "a.txt", true},
-      {"[ab].txt", "[ab].txt", true},
-      {"[ab].txt", "a.txt", false},
-      {"{a,b}", "{a,b}", true},
-      {"{a,b}", "a", false},
-      {"!x", "!x", true},
-      {"!x", "y", false},
-      {"a\\b.txt", "a/b.txt", true},
-      {"a\\b.txt", "a\\b.txt", false},  // in a path the backslash is a byte of the name
-      {"a/b.txt", "a/b.txt", true},
-      {"*", "a", true},
-      {"*", ".git", false},
-      {"*", "a/b", false},
-      {".*", ".git", true},
-      {".*", "a", false},
-      {"*.txt", ".a.txt", false},
-      {"**", ".git/x", false},
-      {"**", "a/.b", false},
-      {"**", "a/b/c", true},
-      {".git/*", ".git/config", true},
-      {"a/", "a", false},
-      {"a/", "a/b", false},
-      {"a//b", "a/b", false},  // the empty segment never meets a name
-      {"src/**", "src", false},
-      {"src/**", "src/x", true},
-      {"src/**", "src/x/y", true},
-      {"src/**/**", "src/x", true},
-      {"**/b", "b", true},
-      {"**/b", "a/b", true},
-      {"**/b", "a/c/b", true},
-      {"**/b", "a/b/c", false},
-      {"**/*.h", "include/sys/stat.h", true},
-      {"src/**/test_*.cpp", "src/test_a.cpp", true},
-      {"src/**/test_*.cpp", "src/a/b/test_x.cpp", true},
-      {"src/**/test_*.cpp", "lib/test_x.cpp", false},
-      {"a?c", "abc", true},
-      {"a?c", "ac", false},
-      {"?", "\xC3\xA9", false},  // '?' is one byte, not one character
-      {"??", "\xC3\xA9", true},
-      {"a*", "a*b", true},  // a '*' byte in a name is just a byte for the pattern's '*'
-      {"*x", "*yx", true},
-      {"*a*b", "xaab", true},
-      {"a*b*c", "abcbc", true},
-      {"a*b*c", "abcbd", false},
-      {"a", "./a", true},
-      {"a/b", "a//b", true},
-      {"a/b", "a/./b", true},
-      {"a", "a/", false},
-      {"a", "a/.", false},
-      {"**", "a/", false},
-      {"a/**", "a/b/.", false},
-      {"a", "", false},
-      {"a/b", "a", false},
-      {Repeat("**/", 62) + "a", "x/y/a", true},  // 63 segments: the mask's last bit
-      {Repeat("**/", 63) + "a", "x/y/a", true},  // 64 segments: the list form
-      {Repeat("**/", 63) + "a", "x/y/b", false},
-      {Repeat("*/", 70) + "a", Repeat("x/", 70) + "a", true},
-      {Repeat("*/", 70) + "a", Repeat("x/", 69) + "a", false},
+      {"*.TXT", {"a.TXT"}, {"a.txt", ".a.TXT"}},
+      {"[ab].txt", {"[ab].txt"}, {"a.txt"}},
+      {"{a,b}", {"{a,b}"}, {"a"}},
+      {"!x", {"!x"}, {"y"}},
+      {"a\\b.txt", {"a/b.txt"}, {"a\\b.txt"}},  // in a path the backslash is a byte of the name
+      {"*", {"a"}, {".git", "a/b"}},
+      {".*", {".git"}, {"a"}},
+      {".git/*", {".git/config"}, {}},
+      {"**", {"a/b/c"}, {".git/x", "a/.b", "a/", "a/b/."}},
+      {"a/", {}, {"a", "a/b"}},
+      {"a//b", {}, {"a/b"}},  // the empty segment never meets a name
+      {"src/**", {"src/x", "src/x/y"}, {"src"}},
+      {"src/**/**", {"src/x"}, {"src"}},
+      {"**/b", {"b", "a/b", "a/c/b"}, {"a/b/c"}},
+      {"a*b*c", {"abcbc"}, {"abcbd"}},
+      {"?", {}, {"\xC3\xA9"}},  // one byte, not one character
+      {"??", {"\xC3\xA9"}, {}},
+      {"a", {"./a"}, {"a/", "a/.", ""}},
+      {"a/b", {"a//b", "a/./b"}, {"a"}},
+      {Repeat("**/", 62) + "a", {"x/y/a"}, {"x/y/b"}},  // 63 segments: the mask's last bit
+      {Repeat("**/", 63) + "a", {"x/y/a"}, {"x/y/b"}},  // 64 segments: the list form
+      {Repeat("*/", 70) + "a", {Repeat("x/", 70) + "a"}, {Repeat("x/", 69) + "a"}},
   };
   for (const auto& c : cases) {
-    EXPECT_EQ(MatchesPath(GlobPattern(c.pattern), c.path), c.matches) << c.pattern << " vs " << c.path;
-    EXPECT_EQ(ReferenceMatches(c.pattern, c.path), c.matches) << "reference: " << c.pattern << " vs " << c.path;
+    for (const bool matches : {true, false}) {
+      for (const std::string& path : matches ? c.matching : c.other) {
+        EXPECT_EQ(MatchesPath(GlobPattern(c.pattern), path), matches) << c.pattern << " vs " << path;
+        EXPECT_EQ(ReferenceMatches(c.pattern, path), matches) << "reference: " << c.pattern << " vs " << path;
+      }
+    }
   }
 }
 
+// Each segment as text, kind (0 literal, 1 star, 2 globstar, 3 wildcard) and '+' when only
+// globstars follow.
 TEST(GlobPatternTest, CompilesSegments) {
   const GlobPattern pattern("a\\**/*/x?y//**/**");
-  const struct {
-    const char* text;
-    GlobSegmentKind kind;
-    bool only_globstars_follow;
-  } expected[] = {
-      {"a", GlobSegmentKind::kLiteral, false},    {"**", GlobSegmentKind::kGlobstar, false},
-      {"*", GlobSegmentKind::kStar, false},       {"x?y", GlobSegmentKind::kWildcard, false},
-      {"", GlobSegmentKind::kLiteral, false},     {"**", GlobSegmentKind::kGlobstar, true},
-      {"**", GlobSegmentKind::kGlobstar, true},
-  };
-  ASSERT_EQ(pattern.segments().size(), std::size(expected));
-  for (size_t i = 0; i < std::size(expected); ++i) {
-    EXPECT_EQ(pattern.segments()[i].text, expected[i].text) << i;
-    EXPECT_EQ(pattern.segments()[i].kind, expected[i].kind) << i;
-    EXPECT_EQ(pattern.segments()[i].only_globstars_follow, expected[i].only_globstars_follow) << i;
+  std::string compiled;
+  for (const GlobSegment& s : pattern.segments()) {
+    compiled += s.text + ":" + std::to_string(static_cast<int>(s.kind)) + (s.only_globstars_follow ? "+ " : " ");
   }
+  EXPECT_EQ(compiled, "a:0 **:2 *:1 x?y:3 :0 **:2+ **:2+ ");
   EXPECT_TRUE(GlobPattern(Repeat("a/", 62) + "a").uses_bitmask());
   EXPECT_FALSE(GlobPattern(Repeat("a/", 63) + "a").uses_bitmask());
 }
 
 TEST(GlobPatternTest, StepTellsWhetherDeeperPathsCanMatch) {
+  const std::string long_pattern = Repeat("a/", 64) + "b";
   const struct {
     std::string pattern;
     std::vector<std::string> names;
     bool matched, can_continue;
   } cases[] = {
-      {"src/**", {"src"}, false, true},
-      {"src/**", {"lib"}, false, false},
-      {"**/b", {"b"}, true, true},
-      {"a/b", {"a", "b"}, true, false},
-      {"*", {".git"}, false, false},
-      {"a/*", {"a"}, false, true},
-      {Repeat("a/", 64) + "b", {"a"}, false, true},
-      {Repeat("a/", 64) + "b", {"b"}, false, false},
-      {Repeat("a/", 64) + "b", Split(Repeat("a/", 64) + "b"), true, false},
-      {Repeat("**/", 64) + "b", {"b"}, true, true},
-      {"a/" + Repeat("**/", 64) + "**", {"a", "x"}, true, true},
+      {"src/**", {"src"}, false, true},     {"src/**", {"lib"}, false, false},
+      {"**/b", {"b"}, true, true},          {"a/b", {"a", "b"}, true, false},
+      {long_pattern, {"a"}, false, true},   {long_pattern, {"b"}, false, false},
+      {long_pattern, Split(long_pattern), true, false},
   };
   for (const auto& c : cases) {
     const GlobPattern pattern(c.pattern);
@@ -260,33 +190,24 @@ class RandomText {
     static constexpr std::string_view kTokens[] = {"a", "b", "A", ".", "*", "?", "**", "/", "\\",
                                                    "[", "]", "{", "}", "!", ",", "a", "b", "*", "/"};
     std::string text;
-    const size_t count = 1 + Below(max_tokens);
-    for (size_t i = 0; i < count; ++i) text += kTokens[Below(std::size(kTokens))];
+    for (size_t count = 1 + Below(max_tokens); count > 0; --count) text += kTokens[Below(std::size(kTokens))];
     return text;
   }
 
   std::string Path(size_t max_bytes) {
     static constexpr std::string_view kBytes = "aabbA./././*?\\[]{}!,";
     std::string text;
-    const size_t count = 1 + Below(max_bytes);
-    for (size_t i = 0; i < count; ++i) text += kBytes[Below(kBytes.size())];
+    for (size_t count = 1 + Below(max_bytes); count > 0; --count) text += kBytes[Below(kBytes.size())];
     return text;
   }
 
   // A path the pattern is likely to match: every wildcard replaced by a few random bytes.
   std::string PathLike(std::string_view pattern) {
     std::string text;
-    for (const char c : pattern) {
-      if (c == '*' || c == '?') {
-        text += Path(3);
-      } else {
-        text += c == '\\' ? '/' : c;
-      }
-    }
+    for (const char c : pattern) text += c == '*' || c == '?' ? Path(3) : std::string(1, c == '\\' ? '/' : c);
     return text;
   }
 
-  // Many segments: some literal, some star, some globstar, some wildcard.
   std::vector<std::string> LongPattern(size_t min_segments) {
     static constexpr std::string_view kSegments[] = {"a", "b", "*", "**", "a*", "?", ".*", "**"};
     std::vector<std::string> segments(min_segments + Below(16));
@@ -298,8 +219,7 @@ class RandomText {
   std::string PathFor(const std::vector<std::string>& segments) {
     std::string text;
     for (const std::string& segment : segments) {
-      const size_t names = segment == "**" ? Below(3) : 1;
-      for (size_t i = 0; i < names; ++i) {
+      for (size_t names = segment == "**" ? Below(3) : 1; names > 0; --names) {
         if (Below(200) == 0) {
           text += Path(3);
         } else if (segment == "?") {
@@ -319,63 +239,42 @@ class RandomText {
   std::mt19937 engine_;
 };
 
-struct DifferentialCounts {
-  size_t compared = 0;
-  size_t matched = 0;
-};
-
-void Compare(const std::string& pattern, const std::string& path, DifferentialCounts& counts) {
-  const bool expected = ReferenceMatches(pattern, path);
-  ASSERT_EQ(MatchesPath(GlobPattern(pattern), path), expected)
-      << "pattern \"" << pattern << "\" path \"" << path << '"';
-  ++counts.compared;
-  counts.matched += expected ? 1 : 0;
-}
-
-TEST(GlobPatternDifferentialTest, ShortPatternsAgreeWithTheReference) {
+// Also the list form against the mask form: a leading "**/" gives the same answers once as
+// 64 times.
+TEST(GlobPatternDifferentialTest, ShortPatternsAgreeWithTheReferenceInBothForms) {
   RandomText random(20240615);
-  DifferentialCounts counts;
+  size_t compared = 0, matched = 0;
   for (int i = 0; i < 60000 && !testing::Test::HasFatalFailure(); ++i) {
     const std::string pattern = random.Pattern(10);
-    Compare(pattern, random.Path(12), counts);
-    Compare(pattern, random.PathLike(pattern), counts);
+    const GlobPattern compiled(pattern), mask_form("**/" + pattern), list_form(Repeat("**/", 64) + pattern);
+    for (const std::string& path : {random.Path(12), random.PathLike(pattern)}) {
+      const bool expected = ReferenceMatches(pattern, path);
+      ASSERT_EQ(MatchesPath(compiled, path), expected) << "pattern \"" << pattern << "\" path \"" << path << '"';
+      ASSERT_EQ(MatchesPath(list_form, "x/" + path), MatchesPath(mask_form, "x/" + path))
+          << "list form: pattern \"" << pattern << "\" path \"x/" << path << '"';
+      ++compared;
+      matched += expected ? 1 : 0;
+    }
   }
   // Both answers must be frequent, or agreement says little.
-  EXPECT_GT(counts.matched, counts.compared / 20) << counts.matched << " of " << counts.compared;
-  EXPECT_LT(counts.matched, counts.compared / 2) << counts.matched << " of " << counts.compared;
+  EXPECT_GT(matched, compared / 20) << matched << " of " << compared;
+  EXPECT_LT(matched, compared / 2) << matched << " of " << compared;
 }
 
 TEST(GlobPatternDifferentialTest, LongPatternsAgreeWithTheReference) {
   RandomText random(77);
-  DifferentialCounts counts;
+  size_t matched = 0;
   for (int i = 0; i < 3000 && !testing::Test::HasFatalFailure(); ++i) {
     const std::vector<std::string> segments = random.LongPattern(60);
     std::string pattern;
     for (const std::string& segment : segments) pattern += segment + "/";
     pattern.pop_back();
-    Compare(pattern, random.PathFor(segments), counts);
+    const std::string path = random.PathFor(segments);
+    const bool expected = ReferenceMatches(pattern, path);
+    ASSERT_EQ(MatchesPath(GlobPattern(pattern), path), expected) << "pattern " << pattern << " path " << path;
+    matched += expected ? 1 : 0;
   }
-  EXPECT_GT(counts.matched, counts.compared / 20) << counts.matched << " of " << counts.compared;
-}
-
-// "**/" before a pattern is the same as many of them, so one answer comes from the mask and
-// the other from the list.
-TEST(GlobPatternDifferentialTest, ListFormAgreesWithMaskForm) {
-  RandomText random(4242);
-  size_t matched = 0;
-  for (int i = 0; i < 20000; ++i) {
-    const std::string pattern = random.Pattern(10);
-    const GlobPattern mask_form("**/" + pattern);
-    const GlobPattern list_form(Repeat("**/", 64) + pattern);
-    ASSERT_TRUE(mask_form.uses_bitmask());
-    ASSERT_FALSE(list_form.uses_bitmask());
-    for (const std::string& path : {random.Path(12), "x/" + random.PathLike(pattern)}) {
-      const bool answer = MatchesPath(mask_form, path);
-      ASSERT_EQ(MatchesPath(list_form, path), answer) << "pattern \"" << pattern << "\" path \"" << path << '"';
-      matched += answer ? 1 : 0;
-    }
-  }
-  EXPECT_GT(matched, 2000U);
+  EXPECT_GT(matched, 3000U / 20);
 }
 
 }  // namespace

@@ -4,11 +4,8 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <grp.h>
 #include <stdio.h>
 #include <sys/inotify.h>
-#include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -129,31 +126,26 @@ class GlobWalkTest : public ::testing::Test {
 };
 
 TEST_F(GlobWalkTest, ListsWhatMatchesAndOpensOnlyWhatCanStillMatch) {
-  struct Case {
+  const Names all_links = {"linkdir", "linkfile", "self"};  // broken, refused and looping links are left out
+  const struct {
     std::string pattern;
     uint64_t max_depth;
     Listed listed;
     Names opened;
-  };
-  const Names all_links = {"linkdir", "linkfile", "self"};  // broken, refused and looping links are left out
-  const Case cases[] = {
+  } cases[] = {
       {"**", kGlobUnlimitedDepth,
        {{"a.c", "src/x.c", "src/deep/y.c", "src/deep/z.txt", "docs/readme.md"}, {"src", "src/deep", "docs"}, all_links},
        {"", "src", "src/deep", "docs"}},
       {"**", 1, {{"a.c"}, {"src", "docs"}, all_links}, {""}},
-      {"**", 2, {{"a.c", "src/x.c", "docs/readme.md"}, {"src", "src/deep", "docs"}, all_links}, {"", "src", "docs"}},
       // Used up at src/deep: it is listed, never opened.
       {"src/*", kGlobUnlimitedDepth, {{"src/x.c"}, {"src/deep"}, {}}, {"", "src"}},
-      {"src/*.c", kGlobUnlimitedDepth, {{"src/x.c"}, {}, {}}, {"", "src"}},
       // linkdir could continue into elsewhere/inner.c, but a link is never entered.
       {"*/*.c", kGlobUnlimitedDepth, {{"src/x.c"}, {}, {}}, {"", "src", "docs"}},
-      {"**/*.txt", kGlobUnlimitedDepth, {{"src/deep/z.txt"}, {}, {}}, {"", "src", "src/deep", "docs"}},
       {".*", kGlobUnlimitedDepth, {{".hidden.c"}, {}, {}}, {""}},
-      {"link*", kGlobUnlimitedDepth, {{}, {}, {"linkdir", "linkfile"}}, {""}},
   };
   ASSERT_TRUE(IsSubtreeFullyAllowed(subtree_policy_, root_.native()));
   ASSERT_FALSE(IsSubtreeFullyAllowed(entry_policy_, root_.native()));
-  for (const Case& c : cases) {
+  for (const auto& c : cases) {
     for (const FileAccessPolicy* policy : {&subtree_policy_, &entry_policy_}) {
       SCOPED_TRACE(c.pattern + " max_depth " + std::to_string(c.max_depth) +
                    (policy == &entry_policy_ ? " checked per entry" : " subtree allowed"));
@@ -173,20 +165,18 @@ TEST_F(GlobWalkTest, RefusedDirectoryIsNeitherListedNorOpened) {
 }
 
 TEST_F(GlobWalkTest, ScanFindsOnlyAnAllowedRegularFileOfExactlyThatName) {
-  struct Case {
+  const struct {
     std::string name;
     FileAccessPolicy policy;
     Names files;
-  };
-  const Case cases[] = {
+  } cases[] = {
       {"a.c", subtree_policy_, {"a.c"}},
       {"A.c", subtree_policy_, {}},
       {"src", subtree_policy_, {}},
       {"linkfile", subtree_policy_, {}},
-      {"missing", subtree_policy_, {}},
       {"a.c", Blacklist({(root_ / "a.c").native()}), {}},
   };
-  for (const Case& c : cases) {
+  for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
     GlobResultBuilder builder(kGlobAllTypes, UINT64_MAX, /*return_files_only=*/false);
     const CommandResult result = ScanDirectoryForName(root_, c.name, c.policy, kNoDeadline, builder);
@@ -196,24 +186,21 @@ TEST_F(GlobWalkTest, ScanFindsOnlyAnAllowedRegularFileOfExactlyThatName) {
 }
 
 TEST_F(GlobWalkTest, FailuresReturnNothing) {
-  struct Case {
-    fs::path root;
-    GlobDeadline deadline;
-    int32_t category;
-    int32_t code;
-    std::string message;
-  };
   const auto open_failure = [](const fs::path& root, const char* what) {
     return "GLOB_FAILED: open search root '" + root.native() + "' failed: " + what;
   };
-  const Case cases[] = {
+  const struct {
+    fs::path root;
+    GlobDeadline deadline;
+    int32_t category, code;
+    std::string message;
+  } cases[] = {
       {root_, GlobDeadline::min(), 1, 5, "GLOB_TIMEOUT: search exceeded timeout_ms"},
-      {root_ / "gone", kNoDeadline, 6, ENOENT, open_failure(root_ / "gone", "No such file or directory")},
       {root_ / "a.c", kNoDeadline, 6, ENOTDIR, open_failure(root_ / "a.c", "Not a directory")},
       // A root is a real path: a link in its place was swapped in after it was resolved.
       {root_ / "linkdir", kNoDeadline, 6, ELOOP, open_failure(root_ / "linkdir", "Too many levels of symbolic links")},
   };
-  for (const Case& c : cases) {
+  for (const auto& c : cases) {
     for (const bool scan : {false, true}) {
       SCOPED_TRACE(c.message + (scan ? " (scan)" : " (walk)"));
       GlobResultBuilder builder(kGlobAllTypes, UINT64_MAX, /*return_files_only=*/false);
@@ -227,49 +214,6 @@ TEST_F(GlobWalkTest, FailuresReturnNothing) {
       EXPECT_EQ(builder.count(), 0u);
     }
   }
-}
-
-// Root reads any directory, so the walks run in a child that has become nobody. A directory
-// that denies its listing, the root included, lists as empty and is no failure.
-TEST_F(GlobWalkTest, UnreadableDirectoriesListAsEmpty) {
-  for (const auto& entry : fs::recursive_directory_iterator(base_)) {
-    if (!entry.is_symlink()) ::chmod(entry.path().c_str(), entry.is_directory() ? 0755 : 0644);
-  }
-  ::chmod(temp_.path().c_str(), 0755);
-  ::chmod((root_ / "src").c_str(), 0);
-  int report[2];
-  ASSERT_EQ(::pipe2(report, O_CLOEXEC), 0);
-  const pid_t child = ::fork();
-  ASSERT_GE(child, 0);
-  if (child == 0) {
-    if (::geteuid() == 0 && (::setgroups(0, nullptr) != 0 || ::setresgid(65534, 65534, 65534) != 0 ||
-                             ::setresuid(65534, 65534, 65534) != 0)) {
-      ::_exit(2);
-    }
-    json answers = json::array();
-    for (const fs::path& root : {root_, root_ / "src"}) {
-      GlobResultBuilder walked(kGlobAllTypes, UINT64_MAX, false);
-      GlobResultBuilder scanned(kGlobAllTypes, UINT64_MAX, false);
-      const bool walk_ok =
-          WalkGlob(root, GlobPattern("**"), subtree_policy_, kNoDeadline, kGlobUnlimitedDepth, walked).ok;
-      const bool scan_ok = ScanDirectoryForName(root, "a.c", subtree_policy_, kNoDeadline, scanned).ok;
-      const Listed listed = Collect(walked, root_);
-      answers.push_back({walk_ok, scan_ok, listed.files, listed.directories, scanned.count()});
-    }
-    const std::string text = answers.dump();
-    ::_exit(::write(report[1], text.data(), text.size()) == static_cast<ssize_t>(text.size()) ? 0 : 3);
-  }
-  ::close(report[1]);
-  std::string text;
-  char buffer[4096];
-  for (ssize_t got; (got = ::read(report[0], buffer, sizeof(buffer))) > 0;) text.append(buffer, got);
-  ::close(report[0]);
-  int status = 0;
-  ASSERT_EQ(::waitpid(child, &status, 0), child);
-  ::chmod((root_ / "src").c_str(), 0755);
-  ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
-  // Root: src is listed but not read; src as the root: empty, no failure.
-  EXPECT_EQ(json::parse(text), json::parse(R"([[true, true, ["a.c", "docs/readme.md"], ["docs", "src"], 1], [true, true, [], [], 0]])"));
 }
 
 // An attacker trades real directories below the root with links to a directory outside it
